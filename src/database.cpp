@@ -1,0 +1,198 @@
+// The SQLite parameter store: reading "system_parameters" and the robot type's
+// table into the shared parameter record, and the two writes to
+// "system_parameters".
+#include "database.h"
+
+#include <sqlite3.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <iostream>
+#include <string>
+
+namespace {
+
+constexpr const char* kDatabaseFile = "parameter.db";
+constexpr int kSlotCount = 100;
+constexpr int kSlotSize = 2560;
+
+ResourceData resource_data;
+
+// Row buffer: the row with ID k lands in slot k-1. Each slot holds a
+// NUL-terminated text shorter than kSlotSize.
+char output_string[kSlotCount][kSlotSize];
+
+struct TypeName {
+    const char* name;
+    int code;
+};
+
+// Compared in this order; the name is also the name of the type's table.
+constexpr TypeName kRobotTypes[] = {
+    {"GL_4L3", kTypeGL_4L3},         {"GL_6L3", kTypeGL_6L3},
+    {"GL_2P8_P6_3P3", kTypeGL_2P8_P6_3P3}, {"GL_6L6", kTypeGL_6L6},
+    {"GL_2L6_4L3", kTypeGL_2L6_4L3}, {"FREE_COMBINATION", kTypeFreeCombination},
+};
+
+const char* Slot(int id) { return output_string[id - 1]; }
+
+// Row callback of the reads: column 1 is the ID, column 3 the value.
+// Rows that would not fit the buffer stop the read with a message.
+int callback(void* /*unused*/, int argc, char** argv, char** /*names*/) {
+    if (argc < 3 || argv[0] == nullptr) {
+        std::fprintf(stderr, "Parameter table row has %d columns; ID, NAME and VALUE are needed\n", argc);
+        return 1;
+    }
+    const int slot = std::atoi(argv[0]);
+    if (slot < 1 || slot > kSlotCount) {
+        std::fprintf(stderr, "Parameter ID %s is outside 1..%d\n", argv[0], kSlotCount);
+        return 1;
+    }
+    const char* value = argv[2] ? argv[2] : "";
+    const size_t len = std::strlen(value);
+    if (len >= static_cast<size_t>(kSlotSize)) {
+        std::fprintf(stderr, "Parameter ID %d: value of %zu characters is too long (at most %d)\n", slot, len,
+                     kSlotSize - 1);
+        return 1;
+    }
+    std::memcpy(output_string[slot - 1], value, len + 1);
+    return 0;
+}
+
+// Printing callback of the writes: dumps each row of the result.
+int callback1(void* data, int argc, char** argv, char** names) {
+    std::printf("\n");
+    std::fprintf(stderr, "%s: ", static_cast<const char*>(data));
+    for (int i = 0; i < argc; ++i) std::printf("%s = %s\n", names[i], argv[i] ? argv[i] : "NULL");
+    std::printf("\n");
+    return 0;
+}
+
+// Runs one read statement; on an SQL error reports it, closes db and returns -1.
+int ExecRead(sqlite3* db, const std::string& sql) {
+    char* err = nullptr;
+    if (sqlite3_exec(db, sql.c_str(), callback, nullptr, &err) != SQLITE_OK) {
+        std::fprintf(stderr, "SQL error: %s\n", err ? err : sqlite3_errmsg(db));
+        sqlite3_free(err);
+        sqlite3_close(db);
+        return -1;
+    }
+    return 0;
+}
+
+sqlite3* OpenDatabase() {
+    sqlite3* db = nullptr;
+    // Never create an empty database where none was: a missing file is an error.
+    if (sqlite3_open_v2(kDatabaseFile, &db, SQLITE_OPEN_READWRITE, nullptr) != SQLITE_OK) {
+        std::fprintf(stderr, "Can't open database: %s\n", sqlite3_errmsg(db));
+        sqlite3_close(db);
+        return nullptr;
+    }
+    std::fprintf(stderr, "Opened database successfully\n");
+    return db;
+}
+
+int ExecUpdate(const std::string& sql) {
+    sqlite3* db = OpenDatabase();
+    if (db == nullptr) return -1;
+    char* err = nullptr;
+    char context[] = "Updating...";
+    if (sqlite3_exec(db, sql.c_str(), callback1, context, &err) != SQLITE_OK) {
+        std::fprintf(stderr, "SQL error: %s\n", err ? err : sqlite3_errmsg(db));
+        sqlite3_free(err);
+        sqlite3_close(db);
+        return -1;
+    }
+    std::fflush(stderr);
+    std::printf("Operation done successfully\n");
+    sqlite3_close(db);
+    return 0;
+}
+
+}  // namespace
+
+ResourceData* GetResourceDate() { return &resource_data; }
+
+int GetDataFormChar(const char* text, double* out, int n) {
+    if (text == nullptr || out == nullptr) return -1;
+    // An empty text holds no list: the first entry reads as 0, as atof of
+    // nothing would.
+    if (text[0] == '\0') {
+        if (n > 0) out[0] = 0.0;
+        return 0;
+    }
+    const char* position = text + 1;  // skip the opening bracket
+    for (int i = 0; i < n; ++i) {
+        out[i] = std::atof(position);
+        const char* comma = std::strchr(position, ',');
+        if (comma == nullptr) break;
+        position = comma + 1;
+    }
+    return 0;
+}
+
+int DatabaseToMechnical(ResourceData* rd) {
+    if (GetDataFormChar(Slot(1), rd->joint_speed, 20) < 0) return -1;
+    if (GetDataFormChar(Slot(2), rd->joint_acceleration, 20) < 0) return -1;
+    if (GetDataFormChar(Slot(3), rd->joint_jerk, 20) < 0) return -1;
+    for (int k = 0; k < 6; ++k) rd->cartesian_limits[k] = std::atof(Slot(4 + k));
+    if (GetDataFormChar(Slot(10), rd->joint_values, 20) < 0) return -1;
+    if (GetDataFormChar(Slot(11), rd->joint_direction, 20) < 0) return -1;
+    if (GetDataFormChar(Slot(12), rd->kinematic_lengths, 80) < 0) return -1;
+    if (GetDataFormChar(Slot(13), rd->dynamic_parameters, 260) < 0) return -1;
+    if (GetDataFormChar(Slot(14), rd->identification_parameters, 220) < 0) return -1;
+    return 0;
+}
+
+int SelectFromTableList(ResourceData* rd) {
+    rd->dynamics_switch = false;
+    std::memset(output_string, 0, sizeof(output_string));
+
+    sqlite3* db = OpenDatabase();
+    if (db == nullptr) return -1;
+    if (ExecRead(db, "SELECT * from system_parameters") < 0) return -1;
+
+    rd->dynamics_switch = std::strcmp(Slot(2), "ON") == 0;
+    rd->gravity_gain = std::atof(Slot(3));
+    if (rd->gravity_gain < 0.4999999 || rd->gravity_gain > 1.50001) rd->gravity_gain = 1.0;
+    rd->collision_switch = std::strcmp(Slot(4), "ON") == 0;
+    rd->collision_factor = std::atof(Slot(5));
+
+    const std::string type_name = Slot(1);
+    bool known = false;
+    for (const TypeName& t : kRobotTypes) {
+        if (type_name == t.name) {
+            rd->robot_type = t.code;
+            known = true;
+            break;
+        }
+    }
+    if (!known) {
+        std::cout << "MECHNIACL ERROR !" << std::endl;
+        std::cout << "The '" << type_name << "' is invalid. " << std::endl;
+        sqlite3_close(db);
+        return -1;
+    }
+
+    std::cout << "Current robot type : " << type_name << std::endl;
+    if (ExecRead(db, "SELECT * from " + type_name) < 0) return -1;
+    std::cout << "Operation done successfully\n";
+    sqlite3_close(db);
+    DatabaseToMechnical(rd);  // a half-parsed table keeps what was read
+    return 0;
+}
+
+int UpdateRobotType(char* value, int id) {
+    if (value == nullptr) return -1;
+    return ExecUpdate(std::string("UPDATE system_parameters set VALUE='") + value + "' where ID=" + std::to_string(id) +
+                      "; SELECT * from system_parameters");
+}
+
+int DynamicsSwitch(char* value) {
+    if (value == nullptr) return -1;
+    return ExecUpdate(std::string("UPDATE system_parameters set VALUE='") + value +
+                      "' where ID=2; SELECT * from system_parameters");
+}
+
+void DisableFeatureConfiguration() {}

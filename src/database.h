@@ -1,0 +1,45 @@
+// The SQLite parameter store "parameter.db": the general table
+// "system_parameters", one table per robot type, and the shared parameter
+// record they are read into.
+#ifndef TQL_DATABASE_H
+#define TQL_DATABASE_H
+
+// Robot type codes held by the parameter record.
+enum RobotTypeCode {
+    kTypeGL_4L3 = 0,
+    kTypeGL_6L3 = 1,
+    kTypeGL_2P8_P6_3P3 = 2,
+    kTypeGL_6L6 = 3,
+    kTypeGL_2L6_4L3 = 4,
+    kTypeFreeCombination = 50,
+};
+
+// Everything read from the database. Angles here are as stored (degrees).
+struct ResourceData {
+    bool dynamics_switch = false;        // system row 2 == "ON"
+    double gravity_gain = 1.0;           // system row 3, kept within [0.5, 1.5]
+    bool collision_switch = false;       // system row 4 == "ON"
+    double collision_factor = 0.0;       // system row 5
+    int robot_type = 0;                  // RobotTypeCode
+    double joint_speed[20] = {};         // deg/s
+    double joint_acceleration[20] = {};  // deg/s^2
+    double joint_jerk[20] = {};          // deg/s^3
+    // line speed, acceleration, jerk (as stored); rotate speed, acceleration,
+    // jerk (deg/s, deg/s^2, deg/s^3)
+    double cartesian_limits[6] = {};
+    double joint_values[20] = {};        // type row 10
+    double joint_direction[20] = {};     // +1 or -1
+    double kinematic_lengths[80] = {};   // mm; six-joint arms: d1, a2, a3, d4, d5, d6
+    double dynamic_parameters[260] = {};
+    double identification_parameters[220] = {};
+};
+
+ResourceData* GetResourceDate();
+int SelectFromTableList(ResourceData* rd);
+int DatabaseToMechnical(ResourceData* rd);
+int GetDataFormChar(const char* text, double* out, int n);
+int UpdateRobotType(char* value, int id);
+int DynamicsSwitch(char* value);
+void DisableFeatureConfiguration();
+
+#endif  // TQL_DATABASE_H

@@ -1,0 +1,153 @@
+// Program entry: banner, mode word, boot, dispatch; the process-wide terminal
+// and stop flags.
+#include "execute.h"
+
+#include <atomic>
+#include <cstring>
+#include <iostream>
+#include <string>
+#include <vector>
+
+#include "database.h"
+#include "math_fun.h"
+#include "timing.h"
+
+namespace {
+
+// The one robot of the process; robot 1 is element 0.
+Robot cur_robot[1];
+constexpr int kRobotCount = 1;
+
+// Written by the host thread or a signal handler, polled by motion loops.
+std::atomic<unsigned char> is_terminal{0};
+std::atomic<unsigned char> stop_flag{0};
+static_assert(std::atomic<unsigned char>::is_always_lock_free, "the stop flag is set from a signal handler");
+
+constexpr double kRadToDeg = 57.295780490442965;
+
+const char* const kModeWords[] = {"mode0", "mode1", "mode2", "mode3", "mode4",
+                                  "admin", "reset", "calibrate", "tutorials"};
+
+bool IsModeWord(const char* word) {
+    for (const char* m : kModeWords)
+        if (std::strcmp(word, m) == 0) return true;
+    return false;
+}
+
+// A job whose procedure is not part of this build.
+int NotYetAvailable() {
+    std::cout << "Wait to add..." << std::endl;
+    return -1;
+}
+
+int Dispatch(const std::string& word) {
+    if (word == "mode1") return NotYetAvailable();
+    if (word == "mode2") return NotYetAvailable();
+    if (word == "mode3") return NotYetAvailable();
+    if (word == "mode4") return NotYetAvailable();
+    if (word == "admin") return NotYetAvailable();
+    if (word == "reset") return NotYetAvailable();
+    if (word == "calibrate") return NotYetAvailable();
+    if (word == "tutorials") return NotYetAvailable();
+    std::cout << "Input error" << std::endl;
+    return -1;
+}
+
+}  // namespace
+
+Robot* GetCurrentRobot() { return &cur_robot[0]; }
+
+bool IsTerminal() { return is_terminal.load() != 0; }
+void SetTerminalFlag() { is_terminal.store(1); }
+
+void SetStopFlag() { stop_flag.store(1); }
+void SetStopFlagForSignal(int /*signo*/) { stop_flag.store(1); }
+void InitStopFlag() { stop_flag.store(0); }
+bool GetStopFlag() { return stop_flag.load() != 0; }
+
+void VersionManagement() {
+    std::cout << "Orvalt Manipulator Controller" << " " << "v1.2.6" << " ( " << "2019-12-02" << " )" << std::endl;
+    std::cout << "  ___  ____  __     __ _    _   _____ " << std::endl;
+    std::cout << " / _ \\|  _ \\ \\ \\   / // \\  | | |_   _|" << std::endl;
+    std::cout << "| | | | |_) | \\ \\ / // _ \\ | |   | |  " << std::endl;
+    std::cout << "| |_| |  _ <   \\ V // ___ \\| |___| |  " << std::endl;
+    std::cout << " \\___/|_| \\_\\   \\_//_/   \\_\\_____|_|  " << std::endl;
+    std::cout << "                                  `.  " << std::endl;
+    const std::string rule(65, '-');
+    std::cout << rule << std::endl;
+    std::cout << "Orvalt Manipulator Controller is a software for manipulator." << std::endl;
+    std::cout << rule << std::endl;
+}
+
+void DisableAllActuator() {
+    ActuatorController* controller = ActuatorController::initController();
+    Actuator::ErrorsDefine err = Actuator::ERR_NONE;
+    controller->lookupActuators(err);
+    const std::vector<uint8_t> ids = controller->getActuatorIdArray();
+    for (uint8_t id : ids) controller->disableActuator(id, "");
+    tql::SleepMilliseconds(200);
+    std::cout << "Disable robot size = " << ids.size() << std::endl;
+}
+
+void ShutDown() { GetCurrentRobot()->DisableAllRobot(); }
+
+int Boot() {
+    Robot* robot_base = GetCurrentRobot();
+    if (SelectFromTableList(GetResourceDate()) < 0) {
+        std::cout << "Load parameters error!" << std::endl;
+        return -1;
+    }
+    ActuatorController* controller = ActuatorController::initController();
+    Actuator::ErrorsDefine err = Actuator::ERR_NONE;
+    const std::vector<ActuatorController::UnifiedID> uids = controller->lookupActuators(err);
+    const std::vector<uint8_t> ids = controller->getActuatorIdArray();
+    if (ids.empty()) {
+        SendErrorCode(0, 1, "ID error,Current id size = " + std::to_string(ids.size()));
+        return -1;
+    }
+    // The two lists must pair up one to one before they are sliced per robot.
+    if (uids.size() != ids.size()) {
+        SendErrorCode(0, 1, "ID error,Current id size = " + std::to_string(ids.size()));
+        return -1;
+    }
+
+    const size_t n = ids.size();
+    std::cout << "Robot num = " << kRobotCount << std::endl << std::endl;
+    for (int i = 0; i < kRobotCount; ++i) {
+        std::cout << "Robot index :" << i + 1 << std::endl;
+        std::vector<unsigned char> id_slice(ids.begin() + n * i, ids.begin() + n * (i + 1));
+        std::vector<ActuatorController::UnifiedID> uid_slice(uids.begin() + n * i, uids.begin() + n * (i + 1));
+        Robot& robot = robot_base[i];
+        if (robot.ServerInit(controller, id_slice, uid_slice) < 0) return -1;
+
+        const int jn = robot.GetRobotJointNum();
+        double q[kMaxJointNum] = {};
+        robot.GetCurrentMachineJoint(q);
+        SetRealTimePos(q);
+        scaling(q, kRadToDeg, jn);
+        std::cout << "Current position (degree) : " << std::endl;
+        print_array(q, jn);
+        std::cout << std::endl << std::endl;
+    }
+    return 0;
+}
+
+int RunningProgram(int argc, char** argv) {
+    VersionManagement();
+    if (argc != 2 || argv == nullptr || argv[1] == nullptr) {
+        std::cout << "Input error ." << argc << std::endl;
+        return -1;
+    }
+    if (!IsModeWord(argv[1])) {
+        std::cout << "Input error." << std::endl;
+        return -1;
+    }
+    const std::string word = argv[1];
+    if (word == "mode0") {
+        DisableAllActuator();
+        return 0;
+    }
+    SetTerminalFlag();
+    if (Boot() < 0) return -1;
+    return Dispatch(word);
+}

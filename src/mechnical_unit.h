@@ -1,0 +1,150 @@
+// The arm and its joints over the actuator controller, plus the process-wide
+// system status, error record and real-time position.
+//
+// Units inside: joint positions in radians, joint velocities in rad/s, torques
+// in N*m. At the actuator boundary: revolutions, revolutions per minute, amperes.
+#ifndef TQL_MECHNICAL_UNIT_H
+#define TQL_MECHNICAL_UNIT_H
+
+#include <string>
+#include <vector>
+
+#include "actuatorcontroller.h"
+#include "speed_profile.h"
+
+// Kind of actuator, 0..9; selects reduction ratio and torque constant.
+typedef int ActuatorType;
+
+// Largest number of joints a robot can hold.
+constexpr int kMaxJointNum = 20;
+
+// One joint, driven by one actuator.
+class LinkUnit {
+public:
+    int InitActuator(unsigned char id, ActuatorType type);
+    unsigned char GetActuatorId();
+    void SetActuatorPointer(ActuatorController* controller);
+    // (twist angle alpha [rad], 0.0, link length a [mm], link offset d [mm])
+    void SetMdhParameters(double alpha, double zero, double a, double d);
+    // Joint speed [rad/s], acceleration [rad/s^2], jerk [rad/s^3].
+    void SetSpeedData(double speed, double acceleration, double jerk);
+    void SetDirect(int direct);
+
+    // 0 if the set-point may be sent, -1 otherwise (message printed).
+    int CheckPosition(double position, double last_position, double period);
+    int CheckTorque(double torque);
+    int DisableActuator();
+
+    int GetActuatorData();
+    void SetActuatorPosition(double q);
+    void SetActuatorTorque(double t);
+    double GetActuatorPositionFast();
+    double GetActuatorPositionSlow();
+    void GetActuatorCVPFast(double* c, double* v, double* p);
+    void GetActuatorTVPFast(double* t, double* v, double* p);
+    void RequestCVPValue();
+    void SetActuatorPositionPidData(double kp, double ki, double kd);
+    void SetActuatorVelocityPiData(double kp, double ki);
+    void SetActuatorLimitData(double min, double max);
+    void SetLockEnergy(double e);
+    void SetActuatorHomingPosition();
+    unsigned GetErrorCode();
+    void ClearActuatorError();
+    bool SaveActuatorParameters();
+
+    unsigned char actuator_id_ = 0;
+    ActuatorType actuator_type_ = 0;
+    ActuatorController* controller_ = nullptr;  // not owned
+    double reduction_ratio_ = 0.0;  // actuator turns per joint turn
+    double kt_ = 0.0;               // N*m per ampere of actuator current
+    int direct_ = 1;                // +1 or -1
+    double speed_limit_ = 0.0;      // actuator rpm, read from the actuator
+    AccDecDate joint_speed_data_;   // joint limits, rad/s, rad/s^2, rad/s^3
+    double min_soft_limit_ = 0.0;   // rad
+    double max_soft_limit_ = 0.0;   // rad
+    double mdh_[4] = {0.0, 0.0, 0.0, 0.0};
+
+private:
+    // Actuator revolutions to joint radians (and back), with the direction.
+    double ActuatorToJoint(double revolutions) const;
+};
+
+class Robot {
+public:
+    Robot();
+    ~Robot();
+
+    int ServerInit(ActuatorController* controller, std::vector<unsigned char> ids,
+                   std::vector<ActuatorController::UnifiedID> uids);
+    int InitRobot(LinkUnit* units, int n);
+    int AddLinkUnit(LinkUnit* units, int n);
+    int GetParametersFromActuator();
+    int GetParametersFromDatabase();
+    void DisableRobot();
+    void DisableAllRobot();
+    int SaveParameters();
+
+    int GetRobotJointNum();
+    int GetRobotType();
+    int GetErrorCode();
+    void GetCurrentMachineJoint(double* q);
+    void GetCurrentMachineJointFast(double* q);
+    void GetCurrentCVPFast(double* c, double* v, double* p);
+    void GetCurrentTVPFast(double* t, double* v, double* p);
+    void GetJointSpeedAccDecParameters(AccDecDate* out);
+    void GetLineSpeedAccDecParameters(AccDecDate* out);
+    void GetRotateSpeedAccDecParameters(AccDecDate* out);
+    void GetMinLimitData(double* out);
+    void GetMaxLimitData(double* out);
+
+    void ActivateHomingMode();
+    void ActivateCurrentMode();
+    void ActivateVelocityMode();
+    void ActivatePositionMode();
+
+    void RequestCVPValue();
+    void AddParaRequestCallback(void (*cb)(ActuatorController::UnifiedID, unsigned char, double));
+    void ClearAllActuatorCallbacks();
+
+    int SendMachinePosition(double* q, double* q_last);
+    int SendPosition(double* q, double* q_last);
+    int SetPosition(double* q);
+    int SetMachineTorque(double* tau);
+
+    int SetHomingPosition();
+    int SetLimitData(double* min, double* max);
+    int SetLockEnergy(double* e);
+    int SetPositionPidData(double* kp, double* ki, double* kd);
+    int SetVelocityPiData(double* kp, double* ki);
+
+    // Seven-value pose x, y, z [mm], w, qx, qy, qz of the flange.
+    int ForwardKinematics(double* q, double* pose);
+    // q holds the seed on entry and the solution on success.
+    int InverseKinematics(double* q, double* pose);
+
+    int joint_num_ = 0;
+    int robot_type_ = 0;
+    AccDecDate rotate_speed_data_;  // rad/s, rad/s^2, rad/s^3
+    AccDecDate line_speed_data_;    // as stored in the database (mm/s, ...)
+    std::vector<unsigned char> actuator_ids_;
+    ActuatorController* controller_ = nullptr;  // not owned
+    LinkUnit link_[kMaxJointNum];
+    std::vector<ActuatorController::UnifiedID> unified_ids_;
+
+private:
+    void ActivateMode(Actuator::ActuatorMode mode, double settle_ms);
+    // Prints the error of joint i if its actuator reports one; true when clean.
+    bool JointErrorFree(int i, bool id_as_number);
+};
+
+// System status, error record, real-time position.
+void SetSystemStatus(bool status);
+bool GetSystemStatus();
+void SendErrorCode(int level, int code, std::string text);
+void GetErrorCode(std::string& out);
+void SetRealTimePos(double* q);
+// Copies the first n entries of the real-time position into q (radians).
+void CopyRealTimePos(double* q, int n);
+void ErrorCallBack(ActuatorController::UnifiedID uid, unsigned short code, std::string text);
+
+#endif  // TQL_MECHNICAL_UNIT_H

@@ -1,0 +1,89 @@
+// Jerk-limited (seven-phase, double-S) speed profile and the limit triple that
+// the robot hands to path segments.
+//
+// A profile times a one-dimensional motion of length distance_ >= 0 (a joint
+// angle in rad, a line or arc length in mm, an orientation angle in rad):
+//   phase 1 jerk +j, 2 constant acceleration, 3 jerk -j, 4 cruise,
+//   phase 5 jerk -j, 6 constant deceleration, 7 jerk +j.
+// Speeds, accelerations and jerk are in the units of the distance per s, s^2, s^3.
+#ifndef TQL_SPEED_PROFILE_H
+#define TQL_SPEED_PROFILE_H
+
+// Control period of every motion loop, seconds.
+constexpr double PERIOD = 0.004;
+// A duration, distance or time difference below this counts as zero.
+constexpr double em = 1e-5;
+
+// Limits of one kind of motion, in the units of the quantity moved
+// (rad or mm, per second, per second squared, per second cubed).
+struct AccDecDate {
+    double speed = 0.0;
+    double acceleration = 0.0;  // serves for deceleration too
+    double jerk = 0.0;
+
+    void SetParameter(double speed_in, double acceleration_in, double jerk_in) {
+        speed = speed_in;
+        acceleration = acceleration_in;
+        jerk = jerk_in;
+    }
+};
+
+// Index of the quantities inside one end-of-phase state of SpeedProfile::phase_end_.
+enum PhaseState { kPhaseSpeed = 0, kPhaseAcceleration = 1, kPhasePosition = 2 };
+
+// Plain record of 38 doubles. Every field starts at zero; set_parameters fills
+// the seven inputs, planning fills the rest.
+struct SpeedProfile {
+    double distance_ = 0.0;  // length of the motion, >= 0
+    double vmax_ = 0.0;      // commanded peak speed; lowered by planning when unreachable
+    double vstart_ = 0.0;    // speed at the start
+    double vend_ = 0.0;      // speed at the end
+    double amax_ = 0.0;      // acceleration limit
+    double dmax_ = 0.0;      // deceleration limit (positive)
+    double jerk_ = 0.0;      // jerk; re-fitted after rounding or synchronisation
+    // State (speed, acceleration, position) at the end of phases 1..7.
+    double phase_end_[7][3] = {};
+    // Phase durations Tj1, Tac, Tj1, Tv, Tj2, Tdc, Tj2 (s).
+    double t_[7] = {};
+    double ta_ = 0.0;      // acceleration time 2*Tj1 + Tac (s)
+    double td_ = 0.0;      // deceleration time 2*Tj2 + Tdc (s)
+    double ttotal_ = 0.0;  // ta_ + Tv + td_ (s)
+
+    // Stores the seven inputs, nothing else.
+    void set_parameters(double distance, double vmax, double vstart, double vend,
+                        double amax, double dmax, double jerk);
+    // Plans the seven durations and the three totals; may lower vmax_.
+    void calculate_jerk_limit_profile_time();
+    // Rounds the durations up to whole control periods and re-fits jerk_.
+    void time_rounding();
+    // Fills phase_end_ from vstart_, jerk_ and the durations.
+    void calculate_flow_parameters();
+    // Plan + states, without rounding.
+    void jerk_limit_profile();
+    // Plan + rounding + states.
+    void jerk_limit_profile_rounding();
+    // Imposes seven phase durations (s), re-fits jerk_ to cover distance_ in
+    // them and recomputes the states.
+    void recalculate_profile(double* times);
+    // out[0] = position, out[1] = speed at time t (s) from the start of the motion.
+    void calculate_current_speed(double t, double* out);
+    // Prints the reached and the commanded peak speed, in degrees per second.
+    void print_profile();
+};
+
+// Jerk that covers `distance` from rest to rest in the seven durations `times`.
+double recalculate_profile1(double distance, double* times);
+
+// Peak speed in [lo, hi] for which the covered distance equals `distance`.
+// f1: acceleration reaches a, deceleration jerk-only; f2: both sides jerk-only;
+// f3: deceleration reaches a (its deceleration limit), acceleration jerk-only.
+// Each stops when the bracket is narrower than 1e-12, or can no longer be
+// halved, or is not finite.
+double bisection_method_f1(double lo, double hi, double a, double jerk, double vstart,
+                           double vend, double distance);
+double bisection_method_f2(double lo, double hi, double a, double jerk, double vstart,
+                           double vend, double distance);
+double bisection_method_f3(double lo, double hi, double a, double jerk, double vstart,
+                           double vend, double distance);
+
+#endif  // TQL_SPEED_PROFILE_H

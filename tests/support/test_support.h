@@ -1,0 +1,57 @@
+// Shared test helpers: scratch copies of the demo working directory and runs of
+// the tql host with scripted standard input.
+#ifndef TQL_TEST_SUPPORT_H
+#define TQL_TEST_SUPPORT_H
+
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace tqltest {
+
+// A fresh copy of the demo working directory (parameter.db, file/, sim.conf)
+// in a new temporary directory, removed again on destruction. With enter =
+// true the process works inside it until destruction (for in-process tests of
+// code that opens "parameter.db" or "file/..." relative to the working directory).
+class ScratchDir {
+public:
+    explicit ScratchDir(bool enter = true);
+    ~ScratchDir();
+    ScratchDir(const ScratchDir&) = delete;
+    ScratchDir& operator=(const ScratchDir&) = delete;
+
+    const std::string& path() const { return path_; }
+    std::string File(const std::string& relative) const { return path_ + "/" + relative; }
+
+private:
+    std::string path_;
+    std::string previous_cwd_;
+    bool entered_ = false;
+};
+
+struct HostRun {
+    int exit_code = -1;       // exit status, or 128 + signal, or -1 on timeout
+    std::string out;          // standard output
+    std::string err;          // standard error
+};
+
+using EnvList = std::vector<std::pair<std::string, std::string>>;
+
+// Runs the tql host in `dir` with the given arguments (not including the
+// program name) and standard input. The simulated bus runs on the virtual
+// clock unless env overrides TQL_SIM_CLOCK. The run is killed after
+// timeout_s seconds of wall time.
+HostRun RunHost(const std::string& dir, const std::vector<std::string>& args,
+                const std::string& stdin_text = "", const EnvList& env = {},
+                double timeout_s = 120.0);
+
+std::string ReadFile(const std::string& path);
+void WriteFile(const std::string& path, const std::string& text);
+// Runs one SQL statement list on a database file; returns false on error.
+bool ExecSql(const std::string& db_path, const std::string& sql);
+// Number of occurrences of `needle` in `text`.
+int CountOf(const std::string& text, const std::string& needle);
+
+}  // namespace tqltest
+
+#endif  // TQL_TEST_SUPPORT_H

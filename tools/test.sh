@@ -1,0 +1,36 @@
+#!/usr/bin/env bash
+# Installs what is missing (Debian packages, as root), builds everything with
+# warnings as errors, runs every test, then builds and runs them again under
+# the address and undefined-behaviour sanitizers.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+
+packages=(build-essential cmake pkg-config libsqlite3-dev libgtest-dev libgmock-dev
+          libbenchmark-dev liborocos-kdl-dev libeigen3-dev)
+missing=()
+for p in "${packages[@]}"; do
+  dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")
+done
+if [ ${#missing[@]} -gt 0 ]; then
+  echo "Installing: ${missing[*]}"
+  SUDO=""
+  [ "$(id -u)" -ne 0 ] && SUDO="sudo"
+  $SUDO apt-get update -qq
+  DEBIAN_FRONTEND=noninteractive $SUDO apt-get install -y -qq --no-install-recommends "${missing[@]}" </dev/null
+fi
+
+jobs=$(nproc 2>/dev/null || echo 2)
+
+run_suite() {
+  local dir=$1; shift
+  cmake -S . -B "$dir" -DTQL_WERROR=ON "$@" >/dev/null
+  cmake --build "$dir" -j"$jobs"
+  ctest --test-dir "$dir" --output-on-failure -j"$jobs" --timeout 600 </dev/null
+}
+
+echo "== build and test =="
+run_suite build/ci -DTQL_BUILD_BENCH=ON
+echo "== address + undefined-behaviour sanitizers =="
+ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
+  run_suite build/asan -DTQL_SANITIZE=ON -DCMAKE_BUILD_TYPE=Debug
+echo "All tests passed."
