@@ -52,9 +52,9 @@ enum ErrorsDefine {
 
 // Attribute codes delivered to parameter-request callbacks.
 enum ActuatorAttribute {
-    ACTUAL_CURRENT = 1,
-    ACTUAL_VELOCITY = 2,
-    ACTUAL_POSITION = 3,
+    ACTUAL_CURRENT = 10,
+    ACTUAL_VELOCITY = 16,
+    ACTUAL_POSITION = 26,
 };
 
 }  // namespace Actuator

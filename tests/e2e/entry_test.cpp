@@ -82,8 +82,8 @@ TEST(Entry, BootReportsTheArm) {
         "Enable robot successfully.\n"
         "Current position (degree) : \n";
     EXPECT_EQ(out.substr(0, expected_head.size()), expected_head) << out;
-    // The arm rests at its zero: six zeros, each followed by a blank.
-    EXPECT_NE(out.find("Current position (degree) : \n0 0 0 0 0 0 \n\n\n"), std::string::npos) << out;
+    // A new arm rests at its zero; the reversed joints 3 and 5 read minus zero.
+    EXPECT_NE(out.find("Current position (degree) : \n0 0 -0 0 -0 0 \n\n\n"), std::string::npos) << out;
     EXPECT_NE(run.err.find("Opened database successfully\n"), std::string::npos);
 }
 

@@ -1,0 +1,225 @@
+// Internal state of the simulated actuator bus, shared by the files of sim/.
+//
+// Frames and units: an actuator's raw position is its encoder position in
+// revolutions; the reported position (what getPosition returns, what
+// setPosition commands and what the limits bound) is raw - homing_offset.
+// Velocities in revolutions per minute, currents in amperes, bus time in
+// seconds since the bus was loaded (or reset).
+#ifndef TQL_SIM_BUS_H
+#define TQL_SIM_BUS_H
+
+#include <cstdint>
+#include <cstdio>
+#include <map>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "actuatorcontroller.h"
+
+namespace tqlsim {
+
+// The library's control period; set-points closer together than this count
+// as one period apart (two set-points in one tick are not an infinite speed).
+constexpr double kPeriod = 0.004;
+// A position-mode actuator reports the speed of its last set-point step for
+// this long after it, then reports standing still.
+constexpr double kMotionHold = 2.0 * kPeriod;
+// Slack in the limit checks, so values that only went through a unit
+// conversion round trip are not counted as beyond a limit.
+constexpr double kLimitSlack = 1e-9;
+
+// Settings an actuator keeps (in RAM until saveAllParams writes them to flash).
+struct Settings {
+    double min_position = -17.0;  // reported revolutions
+    double max_position = 17.0;   // reported revolutions
+    double velocity_limit = 1800.0;  // rpm
+    double position_kp = 0.05;
+    double position_ki = 0.0;
+    double position_kd = 0.0;
+    double velocity_kp = 12.0;
+    double velocity_ki = 0.01;
+    double lock_energy = 20000000.0;
+};
+
+// An error word that appears on one actuator at a set-point count or a time.
+struct ErrorFault {
+    uint8_t id = 0;
+    uint32_t code = 0;
+    bool by_time = false;
+    long at_setpoint = 0;  // fires on this set-point count (since load/reset)
+    double at_time = 0.0;  // bus seconds
+    bool fired = false;
+};
+
+struct Faults {
+    bool no_actuators = false;
+    bool enable_failure = false;
+    bool save_failure = false;
+    std::vector<ErrorFault> errors;
+};
+
+// What sim.conf and the environment select.
+struct Config {
+    std::vector<uint8_t> ids{1, 2, 3, 4, 5, 6};
+    std::string ip_address = "192.168.1.30";
+    bool virtual_clock = false;
+    std::string record_path;  // empty: recorder off
+    Settings defaults;
+    std::map<uint8_t, Settings> per_id;  // factory settings of single actuators
+    double initial_position = 0.0;
+    std::map<uint8_t, double> initial_per_id;
+    Faults faults;
+
+    const Settings& FactorySettings(uint8_t id) const;
+    double InitialPosition(uint8_t id) const;
+};
+
+// What sim_state.txt keeps of one actuator.
+struct PersistedActuator {
+    double position = 0.0;       // raw revolutions
+    double homing_offset = 0.0;  // revolutions
+    bool has_settings = false;   // saveAllParams was called at some time
+    Settings settings;
+};
+using PersistedState = std::map<uint8_t, PersistedActuator>;
+
+struct SimActuator {
+    uint8_t id = 0;
+    bool enabled = false;
+    int mode = Actuator::Mode_None;
+    uint32_t error_word = 0;
+
+    double raw_position = 0.0;
+    double homing_offset = 0.0;
+    double motion_time = 0.0;       // bus time the motion state refers to
+    double step_velocity = 0.0;     // rpm of the last applied position step
+    double step_time = -1.0;        // bus time of that step
+    double velocity_command = 0.0;  // rpm, velocity mode
+    double current_command = 0.0;   // A, current mode
+
+    // The command stream: previous position set-point (reported frame) and its
+    // time, restarted at the present position on enable and mode switches.
+    double reference_setpoint = 0.0;
+    double reference_time = 0.0;
+    long setpoint_count = 0;
+    double last_setpoint = 0.0;
+    bool has_setpoint = false;
+
+    Settings live;   // in RAM
+    Settings saved;  // in flash
+    bool has_saved = false;
+
+    // The SDK's copy of the last values received from the actuator.
+    double seen_current = 0.0, seen_velocity = 0.0, seen_position = 0.0;
+    bool reply_pending = false;
+    double reply_current = 0.0, reply_velocity = 0.0, reply_position = 0.0;
+};
+
+// A notification to deliver once the bus lock is released.
+struct ErrorNotice {
+    uint8_t id;
+    uint32_t code;
+};
+struct ParaNotice {
+    uint8_t id;
+    uint8_t attribute;
+    double value;
+};
+
+class Recorder {
+public:
+    ~Recorder();
+    // Starts recording to `path` (truncating it). False if it cannot be opened.
+    bool Open(const std::string& path);
+    bool IsOpen() const { return file_ != nullptr; }
+    void Row(double time, int id, int mode, const char* command, double value);
+    void Flush();
+    void Close();
+
+private:
+    std::FILE* file_ = nullptr;
+};
+
+struct Bus {
+    std::mutex mutex;
+    bool loaded = false;
+    std::string directory;  // working directory at load: sim.conf, sim_state.txt
+    Config config;
+    PersistedState persisted;  // as read, plus what was written since
+    std::vector<SimActuator> actuators;
+    bool discovered = false;
+    Recorder recorder;
+    long command_count = 0;
+    long beyond_limit_count = 0;
+    std::vector<ActuatorController::ErrorCallback> error_callbacks;
+    std::vector<ActuatorController::ParaRequestCallback> para_callbacks;
+};
+
+// The one bus of the process (never destroyed: the exit handler uses it).
+Bus& TheBus();
+
+// Loads configuration, state and recorder from the current working directory
+// and clears everything else. Caller holds the bus mutex.
+void LoadBus(Bus& bus);
+// Writes sim_state.txt from the live actuators; caller holds the mutex.
+bool SaveBusState(Bus& bus);
+SimActuator* FindActuator(Bus& bus, uint8_t id);
+std::string ErrorText(uint32_t code);
+
+// One call into the bus: holds the lock (loading the bus on first use),
+// brings every actuator's motion up to the bus clock and raises errors that
+// are due; on leaving releases the lock and then delivers the notifications to
+// the registered callbacks (never under the lock).
+class BusCall {
+public:
+    BusCall();
+    ~BusCall();
+    BusCall(const BusCall&) = delete;
+    BusCall& operator=(const BusCall&) = delete;
+
+    Bus& bus;
+    double now;
+    std::vector<ErrorNotice> errors;
+    std::vector<ParaNotice> paras;
+
+private:
+    std::unique_lock<std::mutex> lock_;
+};
+
+// Command bookkeeping: counts the command and writes its recorder row.
+void RecordCommand(BusCall& call, int id, const char* command, double value);
+// Raises error word `code` on an actuator (no callback if already raised).
+void RaiseError(BusCall& call, SimActuator& a, uint32_t code);
+// Motion state of an actuator at the bus time (velocity mode integrates).
+void Advance(SimActuator& a, double now);
+double ReportedPosition(const SimActuator& a);
+double LiveVelocity(const SimActuator& a, double now);
+double LiveCurrent(const SimActuator& a);
+// Restarts the set-point reference at the present position (enable, mode switch).
+void RestartReference(SimActuator& a, double now);
+
+// Configuration: sim.conf in `directory`, then the environment on top.
+// Problems are reported on standard error and the entry is ignored.
+Config LoadConfig(const std::string& directory);
+// Parses a fault list ("enable_failure error:3:0x4:setpoint:10 ..."); false
+// with a message in *problem on the first bad item (nothing is added then).
+bool ParseFaults(const std::string& text, Faults* faults, std::string* problem);
+
+// State file: false if missing or corrupt (then *state is left empty).
+bool ReadStateFile(const std::string& path, PersistedState* state, std::string* problem);
+// Written to a temporary file and renamed over `path`.
+bool WriteStateFile(const std::string& path, const PersistedState& state);
+
+// Loads the bus if nothing has used it yet.
+void EnsureLoaded();
+
+// Bus clock (sim_clock.cpp). StartClock restarts it at 0 and forgets every
+// thread's virtual timeline.
+void StartClock(bool virtual_mode);
+bool ClockIsVirtual();
+double BusNow();
+
+}  // namespace tqlsim
+
+#endif  // TQL_SIM_BUS_H

@@ -1,0 +1,120 @@
+// The C control surface of sim_control.h (the clock functions are in sim_clock.cpp).
+#include "sim_control.h"
+
+#include <cmath>
+#include <limits>
+
+#include "sim_bus.h"
+
+using tqlsim::BusCall;
+using tqlsim::SimActuator;
+
+namespace {
+
+SimActuator* FindId(BusCall& call, int id) {
+    if (id < 0 || id > 255) return nullptr;
+    return tqlsim::FindActuator(call.bus, static_cast<uint8_t>(id));
+}
+
+}  // namespace
+
+extern "C" {
+
+void tql_sim_reset(void) {
+    tqlsim::Bus& bus = tqlsim::TheBus();
+    std::lock_guard<std::mutex> lock(bus.mutex);
+    tqlsim::LoadBus(bus);
+}
+
+int tql_sim_save_state(void) {
+    BusCall call;
+    return tqlsim::SaveBusState(call.bus) ? 0 : -1;
+}
+
+void tql_sim_set_no_actuators(int on) {
+    BusCall call;
+    call.bus.config.faults.no_actuators = on != 0;
+}
+
+void tql_sim_set_enable_failure(int on) {
+    BusCall call;
+    call.bus.config.faults.enable_failure = on != 0;
+}
+
+void tql_sim_set_save_failure(int on) {
+    BusCall call;
+    call.bus.config.faults.save_failure = on != 0;
+}
+
+int tql_sim_inject_error(int id, unsigned code, int after_setpoints) {
+    BusCall call;
+    SimActuator* a = FindId(call, id);
+    if (a == nullptr || code == 0 || after_setpoints < 0) return -1;
+    if (after_setpoints == 0) {
+        tqlsim::RaiseError(call, *a, code);
+        return 0;
+    }
+    tqlsim::ErrorFault f;
+    f.id = a->id;
+    f.code = code;
+    f.at_setpoint = a->setpoint_count + after_setpoints;
+    call.bus.config.faults.errors.push_back(f);
+    return 0;
+}
+
+int tql_sim_inject_error_at_time(int id, unsigned code, double bus_time) {
+    BusCall call;
+    SimActuator* a = FindId(call, id);
+    if (a == nullptr || code == 0 || !std::isfinite(bus_time)) return -1;
+    tqlsim::ErrorFault f;
+    f.id = a->id;
+    f.code = code;
+    f.by_time = true;
+    f.at_time = bus_time;
+    call.bus.config.faults.errors.push_back(f);
+    return 0;
+}
+
+long tql_sim_command_count(void) {
+    BusCall call;
+    return call.bus.command_count;
+}
+
+long tql_sim_beyond_limit_count(void) {
+    BusCall call;
+    return call.bus.beyond_limit_count;
+}
+
+void tql_sim_flush_recorder(void) {
+    BusCall call;
+    call.bus.recorder.Flush();
+}
+
+double tql_sim_last_setpoint(int id) {
+    BusCall call;
+    const SimActuator* a = FindId(call, id);
+    if (a == nullptr || !a->has_setpoint) return std::numeric_limits<double>::quiet_NaN();
+    return a->last_setpoint;
+}
+
+long tql_sim_setpoint_count(int id) {
+    BusCall call;
+    const SimActuator* a = FindId(call, id);
+    return a != nullptr ? a->setpoint_count : -1;
+}
+
+int tql_sim_actuator_mode(int id) {
+    BusCall call;
+    const SimActuator* a = FindId(call, id);
+    return a != nullptr ? a->mode : -1;
+}
+
+int tql_sim_set_position(int id, double revolutions) {
+    BusCall call;
+    SimActuator* a = FindId(call, id);
+    if (a == nullptr || !std::isfinite(revolutions)) return -1;
+    a->raw_position = revolutions + a->homing_offset;
+    return 0;
+}
+
+}  // extern "C"

@@ -1,0 +1,71 @@
+// Control surface of the simulated actuator bus, beyond the actuator SDK
+// interface: the virtual clock, reloading, fault injection and the flight
+// recorder. Only the host program (found at run time with dlsym, so the real
+// actuator library can replace the simulator) and the tests use it; libtql.so
+// never does.
+//
+// Units: actuator revolutions (reported frame, as getPosition returns them),
+// seconds of bus time (0 when the bus was loaded or reset).
+#ifndef TQL_SIM_CONTROL_H
+#define TQL_SIM_CONTROL_H
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+// True when the bus runs on a virtual clock (TQL_SIM_CLOCK=virtual or the
+// configuration file says so).
+int tql_sim_virtual_clock(void);
+// Sleep replacement for the virtual clock: advances the calling thread's own
+// timeline by the given seconds; the bus clock is the latest wake of all threads.
+void tql_sim_sleep(double seconds);
+// Bus clock in seconds (virtual or monotonic).
+double tql_sim_now(void);
+
+// Starts the bus afresh from the current working directory, as a new process
+// would: reads sim.conf, the environment and sim_state.txt, restarts the clock
+// at 0, and clears faults, counters, callbacks and discovery. Opens a new
+// recording if one is configured (the previous one is closed without summary).
+// Unsaved in-memory state is dropped: call tql_sim_save_state() first to keep it.
+void tql_sim_reset(void);
+// Writes sim_state.txt now, as process exit does. 0 on success, -1 on failure.
+int tql_sim_save_state(void);
+
+// Faults (non-zero = on). No actuators: discovery finds nothing. Enable
+// failure: enableActuatorInBatch returns false and enables nothing. Save
+// failure: saveAllParams returns false and saves nothing.
+void tql_sim_set_no_actuators(int on);
+void tql_sim_set_enable_failure(int on);
+void tql_sim_set_save_failure(int on);
+// Error word `code` on actuator `id` at its `after_setpoints`-th position
+// set-point from now (that set-point is refused), or at once for 0. The error
+// callbacks receive (id, code, text). 0 on success, -1 for an unknown id, a
+// zero code or a negative count.
+int tql_sim_inject_error(int id, unsigned code, int after_setpoints);
+// The same at bus time `bus_time` (seconds); raised by the first bus call at
+// or after that time.
+int tql_sim_inject_error_at_time(int id, unsigned code, double bus_time);
+
+// Flight recorder figures since load or reset (counted even when no CSV file
+// is written): commands received, and position set-points beyond the
+// actuator's position limits or velocity limit.
+long tql_sim_command_count(void);
+long tql_sim_beyond_limit_count(void);
+// Writes out buffered recorder rows.
+void tql_sim_flush_recorder(void);
+
+// Inspection of one actuator. Last position set-point received (NaN if none
+// or unknown id); number of position set-points received (-1 for an unknown
+// id); present mode (Actuator::ActuatorMode value, -1 for an unknown id).
+double tql_sim_last_setpoint(int id);
+long tql_sim_setpoint_count(int id);
+int tql_sim_actuator_mode(int id);
+// Moves an actuator as a hand would (the arm is pushed to `revolutions`,
+// reported frame). 0 on success, -1 for an unknown id or a non-finite value.
+int tql_sim_set_position(int id, double revolutions);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif  // TQL_SIM_CONTROL_H

@@ -1,0 +1,42 @@
+// Closed-form kinematics of the six-axis offset-wrist arm (shoulder lateral
+// offset, two parallel arm links, three wrist axes with offsets).
+//
+// Joint vector q[6]: radians, joint 1 (base) first. Internally the model
+// angles of joints 2 and 4 are q[1] + pi/2 and q[3] - pi/2; joints 1, 3, 5, 6
+// are used as they are.
+//
+// Geometry vector L[6], millimetres, in this order:
+//   L[0] d1  base height               (link offset d of joint 1)
+//   L[1] d4  shoulder lateral offset   (link offset d of joint 4)
+//   L[2] d5  wrist offset              (link offset d of joint 5)
+//   L[3] d6  flange offset             (link offset d of joint 6)
+//   L[4] a2  upper-arm length          (link length a of joint 3)
+//   L[5] a3  forearm length            (link length a of joint 4)
+//
+// Transforms: double T[4][4], row-major, base frame to flange frame,
+// translation in millimetres in column 3.
+#ifndef TQL_KINEMATICS_H
+#define TQL_KINEMATICS_H
+
+// Results of ik_ur.
+constexpr int kIkOk = 0;
+constexpr int kIkShoulderSingular = -1;  // wrist centre within d4 of the base axis
+constexpr int kIkT3Error = -2;           // negative sum of squares (cannot happen for real numbers)
+constexpr int kIkWristSingular = -3;     // |sin q5| < 1e-5: wrist axes 4 and 6 aligned
+constexpr int kIkElbowSingular = -4;     // target on the reach boundary, arm stretched or folded
+constexpr int kIkOutOfReach = -5;        // target beyond reach of the two arm links
+constexpr int kIkInvalidInput = -6;      // non-finite target or geometry, or no finite solution
+
+// Flange pose T for joint angles q and geometry L.
+void fk_ur(const double* q, double T[4][4], const double* L);
+
+// Inverse kinematics. On entry q holds the seed (normally the current joint
+// angles); the one solution returned is, joint by joint, the one nearest to the
+// seed value of that joint (angles are not wrapped into (-pi, pi]). On success
+// q receives the solution and 0 is returned. On any negative result q is
+// spoiled (partly rewritten, seed shift not undone): callers keep their own
+// copy of the seed. Singular or unreachable targets print one line to
+// standard output.
+int ik_ur(double* q, double T[4][4], double* L);
+
+#endif  // TQL_KINEMATICS_H
