@@ -155,7 +155,7 @@ int SelectFromTableList(ResourceData* rd) {
 
     rd->dynamics_switch = std::strcmp(Slot(2), "ON") == 0;
     rd->gravity_gain = std::atof(Slot(3));
-    if (rd->gravity_gain < 0.4999999 || rd->gravity_gain > 1.50001) rd->gravity_gain = 1.0;
+    if (!(rd->gravity_gain >= 0.4999999 && rd->gravity_gain <= 1.50001)) rd->gravity_gain = 1.0;  // NaN too
     rd->collision_switch = std::strcmp(Slot(4), "ON") == 0;
     rd->collision_factor = std::atof(Slot(5));
 

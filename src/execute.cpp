@@ -67,12 +67,13 @@ bool GetStopFlag() { return stop_flag.load() != 0; }
 
 void VersionManagement() {
     std::cout << "Orvalt Manipulator Controller" << " " << "v1.2.6" << " ( " << "2019-12-02" << " )" << std::endl;
-    std::cout << "  ___  ____  __     __ _    _   _____ " << std::endl;
-    std::cout << " / _ \\|  _ \\ \\ \\   / // \\  | | |_   _|" << std::endl;
-    std::cout << "| | | | |_) | \\ \\ / // _ \\ | |   | |  " << std::endl;
-    std::cout << "| |_| |  _ <   \\ V // ___ \\| |___| |  " << std::endl;
-    std::cout << " \\___/|_| \\_\\   \\_//_/   \\_\\_____|_|  " << std::endl;
-    std::cout << "                                  `.  " << std::endl;
+    // ORVALT in block letters.
+    std::cout << R"(  ____    ____   __      __    _      _       _______ )" << std::endl;
+    std::cout << R"( / __ \  |  _ \  \ \    / /   / \    | |     |__   __|)" << std::endl;
+    std::cout << R"(| |  | | | |_) |  \ \  / /   / _ \   | |        | |   )" << std::endl;
+    std::cout << R"(| |  | | |  _ /    \ \/ /   / /_\ \  | |        | |   )" << std::endl;
+    std::cout << R"(| |__| | | | \ \    \  /   /  ___  \ | |____    | |   )" << std::endl;
+    std::cout << R"( \____/  |_|  \_\    \/   /_/     \_\|______|   |_|   )" << std::endl;
     const std::string rule(65, '-');
     std::cout << rule << std::endl;
     std::cout << "Orvalt Manipulator Controller is a software for manipulator." << std::endl;
@@ -81,6 +82,10 @@ void VersionManagement() {
 
 void DisableAllActuator() {
     ActuatorController* controller = ActuatorController::initController();
+    if (controller == nullptr) {
+        std::cout << "Disable robot size = 0" << std::endl;
+        return;
+    }
     Actuator::ErrorsDefine err = Actuator::ERR_NONE;
     controller->lookupActuators(err);
     const std::vector<uint8_t> ids = controller->getActuatorIdArray();
@@ -98,6 +103,10 @@ int Boot() {
         return -1;
     }
     ActuatorController* controller = ActuatorController::initController();
+    if (controller == nullptr) {
+        SendErrorCode(0, 1, "ID error,Current id size = 0");
+        return -1;
+    }
     Actuator::ErrorsDefine err = Actuator::ERR_NONE;
     const std::vector<ActuatorController::UnifiedID> uids = controller->lookupActuators(err);
     const std::vector<uint8_t> ids = controller->getActuatorIdArray();
@@ -107,7 +116,8 @@ int Boot() {
     }
     // The two lists must pair up one to one before they are sliced per robot.
     if (uids.size() != ids.size()) {
-        SendErrorCode(0, 1, "ID error,Current id size = " + std::to_string(ids.size()));
+        SendErrorCode(0, 1, "ID error,Current id size = " + std::to_string(ids.size()) +
+                                ", unified id size = " + std::to_string(uids.size()));
         return -1;
     }
 

@@ -68,7 +68,8 @@ int LinkUnit::CheckPosition(double position, double last_position, double period
     }
     // Actuator speed in revolutions per minute.
     const double speed = reduction_ratio_ * ((position - last_position) / period) / kTwoPi * 60.0;
-    if (std::fabs(speed) > speed_limit_) {
+    // Written so that a NaN speed (bad previous set-point or limit) is refused too.
+    if (!(std::fabs(speed) <= speed_limit_)) {
         std::cout << speed << "\t " << speed_limit_ << std::endl;
         std::cout << "ID " << static_cast<int>(actuator_id_) << " beyond speed limit" << std::endl;
         return -1;

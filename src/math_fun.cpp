@@ -290,8 +290,12 @@ void print_matrix_4x4(double T[4][4]) {
 }
 
 void print_array(double* v, int n) {
+    // Eleven significant digits: joint reports show the effect of the short pi
+    // (pi rad reads 180.00000307 degrees).
+    const std::streamsize old = std::cout.precision(11);
     for (int i = 0; i < n; ++i) std::cout << v[i] << " ";
     std::cout << std::endl;
+    std::cout.precision(old);
 }
 
 void PrintPositionDegree(double* v, int n) {

@@ -10,6 +10,10 @@ Robot::~Robot() = default;
 
 int Robot::ServerInit(ActuatorController* controller, std::vector<unsigned char> ids,
                       std::vector<ActuatorController::UnifiedID> uids) {
+    if (controller == nullptr) {
+        std::cout << "Enable failure." << std::endl;
+        return -1;
+    }
     controller_ = controller;
     actuator_ids_ = ids;
     unified_ids_ = uids;
@@ -27,6 +31,10 @@ int Robot::ServerInit(ActuatorController* controller, std::vector<unsigned char>
 
 int Robot::InitRobot(LinkUnit* units, int n) {
     controller_ = ActuatorController::initController();
+    if (controller_ == nullptr) {
+        std::cout << "Enable failure." << std::endl;
+        return -1;
+    }
     Actuator::ErrorsDefine err = Actuator::ERR_NONE;
     unified_ids_ = controller_->lookupActuators(err);
     actuator_ids_ = controller_->getActuatorIdArray();

@@ -1,5 +1,6 @@
 // Applying the parameter record to the robot: joint count, actuator types,
 // kinematic parameters, speed limits and directions.
+#include <cmath>
 #include <iostream>
 
 #include "database.h"
@@ -83,6 +84,15 @@ int Robot::GetParametersFromDatabase() {
         std::cout << " ID size = " << id_count << (id_count > joint_num_ ? " > " : " < ") << joint_num_
                   << std::endl;
         return -1;
+    }
+
+    // A direction must truncate to +1 or -1: anything else would divide set-points by zero.
+    for (int i = 0; i < joint_num_; ++i) {
+        const double dir = rd->joint_direction[i];
+        if (!(std::fabs(dir) >= 1.0 && std::fabs(dir) < 2.0)) {
+            std::cout << "Direction of joint " << i + 1 << " is invalid: " << dir << std::endl;
+            return -1;
+        }
     }
 
     std::cout << "Current Axis Num : " << joint_num_ << std::endl;

@@ -87,6 +87,16 @@ TEST(Entry, BootReportsTheArm) {
     EXPECT_NE(run.err.find("Opened database successfully\n"), std::string::npos);
 }
 
+TEST(Entry, BootShowsTheShortPi) {
+    // Joint 1 at pi rad (18.0000003 actuator revolutions at ratio 36) reads
+    // 180.00000307 degrees: the degree factor is 180 / 3.1415926.
+    ScratchDir dir(false);
+    tqltest::WriteFile(dir.File("sim.conf"), tqltest::ReadFile(dir.File("sim.conf")) + "\ninitial_position.1 = 18.0000003070469\n");
+    HostRun run = RunHost(dir.path(), {"mode4"});
+    EXPECT_NE(run.out.find("Current position (degree) : \n180.00000307 0 -0 0 -0 0 \n"), std::string::npos)
+        << run.out;
+}
+
 TEST(Entry, BootFailures) {
     ScratchDir dir(false);
     HostRun empty_bus = RunHost(dir.path(), {"mode1"}, "", {{"TQL_SIM_ACTUATORS", "0"}});

@@ -74,7 +74,7 @@ TEST(SelectFromTableList, GainIsClampedToItsRange) {
     const struct {
         const char* text;
         double expected;
-    } cases[] = {{"0.4", 1.0}, {"1.6", 1.0}, {"0.5", 0.5}, {"1.5", 1.5}, {"0.4999998", 1.0}, {"abc", 1.0}};
+    } cases[] = {{"0.4", 1.0}, {"1.6", 1.0}, {"0.5", 0.5}, {"1.5", 1.5}, {"0.4999998", 1.0}, {"abc", 1.0}, {"nan", 1.0}};
     for (const auto& c : cases) {
         ASSERT_TRUE(ExecSql("parameter.db", SetSystemValue(3, c.text)));
         ASSERT_EQ(Select(), 0);
@@ -235,6 +235,24 @@ TEST(GetParametersFromDatabase, SixJointArm) {
     AccDecDate line;
     robot.GetLineSpeedAccDecParameters(&line);
     EXPECT_DOUBLE_EQ(line.speed, 250.0);
+}
+
+TEST(GetParametersFromDatabase, DirectionsMustBeOneOrMinusOne) {
+    ScratchDir dir;
+    for (const char* bad : {"[1,1,0.5,1,1,1]", "[1,1,1,nan,1,1]", "[1,1,1,1,1e30,1]", "[1,1,1,1,1,2]"}) {
+        ASSERT_TRUE(ExecSql("parameter.db", std::string("UPDATE GL_6L3 SET VALUE='") + bad + "' WHERE ID=11;"));
+        ASSERT_EQ(Select(), 0);
+        Robot robot;
+        std::string out;
+        EXPECT_EQ(ApplyToRobot(robot, 6, &out), -1) << bad;
+        EXPECT_NE(out.find("is invalid"), std::string::npos) << out;
+    }
+    ASSERT_TRUE(ExecSql("parameter.db", "UPDATE GL_6L3 SET VALUE='[-1.9,1,1,1,1,-1]' WHERE ID=11;"));
+    ASSERT_EQ(Select(), 0);
+    Robot robot;
+    std::string out;
+    ASSERT_EQ(ApplyToRobot(robot, 6, &out), 0);
+    EXPECT_EQ(robot.link_[0].direct_, -1);  // truncated
 }
 
 TEST(GetParametersFromDatabase, IdCountMustMatch) {
