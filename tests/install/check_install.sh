@@ -1,0 +1,29 @@
+#!/usr/bin/env bash
+# Installs the build into a scratch prefix and checks the layout, a program
+# built by hand with -ltql -lActuatorController, one built with find_package,
+# and the installed host in a copy of the installed demo directory.
+set -euo pipefail
+build=$1
+src=$(cd "$(dirname "$0")" && pwd)
+work=$(mktemp -d)
+trap 'rm -rf "$work"' EXIT
+prefix=$work/prefix
+cmake --install "$build" --prefix "$prefix" >/dev/null
+for f in bin/tql lib/libtql.so lib/libActuatorController.so lib/cmake/tql/tqlConfig.cmake \
+         include/tql/mechnical_unit.h include/tql/database.h include/tql/math_fun.h include/tql/execute.h \
+         include/tql/actuatorcontroller.h share/tql/demo/parameter.db share/tql/demo/sim.conf; do
+  [ -e "$prefix/$f" ] || { echo "missing $f"; exit 1; }
+done
+[ ! -e "$prefix/share/tql/demo/sim_state.txt" ] || { echo "installed demo holds a simulator state"; exit 1; }
+
+${CXX:-c++} -std=c++17 "$src/consumer.cpp" -I"$prefix/include" -L"$prefix/lib" -ltql -lActuatorController \
+  -Wl,-rpath,"$prefix/lib" -o "$work/by_hand"
+"$work/by_hand"
+
+cmake -S "$src" -B "$work/pkg" -DCMAKE_PREFIX_PATH="$prefix" >/dev/null
+cmake --build "$work/pkg" >/dev/null
+"$work/pkg/consumer"
+
+cp -r "$prefix/share/tql/demo" "$work/run"
+(cd "$work/run" && TQL_SIM_CLOCK=virtual "$prefix/bin/tql" mode0 </dev/null) | grep -qx "Disable robot size = 6"
+echo "install layout ok"
