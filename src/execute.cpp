@@ -44,7 +44,7 @@ int Dispatch(const std::string& word) {
     if (word == "mode1") return NotYetAvailable();
     if (word == "mode2") return NotYetAvailable();
     if (word == "mode3") return NotYetAvailable();
-    if (word == "mode4") return NotYetAvailable();
+    if (word == "mode4") return ExecuteFileInstruction(GetCurrentRobot(), "file/data.txt");
     if (word == "admin") return NotYetAvailable();
     if (word == "reset") return NotYetAvailable();
     if (word == "calibrate") return NotYetAvailable();

@@ -1,0 +1,324 @@
+// Joint and linear path segments and the streamed moves built on them.
+//
+// A streamed move samples its segment at t = tick * PERIOD, tick = 1..N, and
+// sends one set-point per joint per period. Work arrays are sized once per
+// move (fixed arrays of kMaxJointNum doubles on the stack); nothing inside a
+// period allocates.
+#include "interpolation.h"
+
+#include <cerrno>
+#include <cmath>
+#include <csignal>
+#include <cstdio>
+#include <iostream>
+
+#include "execute.h"
+#include "math_fun.h"
+#include "timing.h"
+
+namespace {
+
+// Longest segment a motion loop accepts, in periods (about 99 days).
+constexpr double kMaxTicks = 2147483647.0;
+
+// Joint count of `robot` if every joint vector of a move fits the fixed work
+// arrays, otherwise -1 with a message.
+int JointCountForMove(Robot* robot) {
+    const int n = robot->GetRobotJointNum();
+    if (n < 1 || n > kMaxJointNum) {
+        std::cout << "Joint number " << n << " is out of range 1.." << kMaxJointNum << std::endl;
+        return -1;
+    }
+    return n;
+}
+
+// Number of samples of a segment lasting `total` seconds: round(total / PERIOD).
+// -1 (with a message) when the planned time is not a usable number, so a
+// corrupt plan never reaches the float-to-integer conversion.
+long TickCount(double total) {
+    if (!std::isfinite(total) || total < 0.0 || total / PERIOD > kMaxTicks) {
+        std::cout << "Invalid motion time " << total << " s" << std::endl;
+        return -1;
+    }
+    return std::lround(total / PERIOD);
+}
+
+// Clears a stale stop request and lets Ctrl+C stop the coming move.
+void BeginStreamedMove() {
+    InitStopFlag();
+    std::signal(SIGINT, SetStopFlagForSignal);
+}
+
+// Distance covered by a governing profile at time t.
+double ProfilePosition(SpeedProfile& profile, double t) {
+    double out[2];
+    profile.calculate_current_speed(t, out);
+    return out[0];
+}
+
+}  // namespace
+
+// The Cartesian tick loop shared by linear and circular moves: sample the
+// pose, solve the joints seeded by the previous set-point, send, sleep.
+template <typename Path>
+static int StreamCartesianPath(Robot* robot, Path& path, long ticks, double* current, int n) {
+    double previous[kMaxJointNum];
+    double pose[7];
+    for (long tick = 1; tick <= ticks; ++tick) {
+        if (GetStopFlag()) return -1;
+        const double t = tick * PERIOD;
+        for (int i = 0; i < n; ++i) previous[i] = current[i];
+        path.Interpolation(t, pose);
+        if (robot->InverseKinematics(current, pose) < 0) return -1;
+        if (robot->SendMachinePosition(current, previous) < 0) return -1;
+        tql::SleepMilliseconds(4);
+    }
+    return 0;
+}
+
+// ---------------------------------------------------------------- JointPath
+
+void JointPath::SetParameters(double start, double end, double vmax, double amax, double dmax,
+                              double jerk) {
+    start_ = start;
+    end_ = end;
+    vmax_ = vmax;
+    amax_ = amax;
+    dmax_ = dmax;
+    jerk_ = jerk;
+}
+
+void JointPath::InterpolationPreprocess() {
+    direction_ = end_ - start_ > 0 ? 1.0 : -1.0;
+    distance_ = std::fabs(end_ - start_);
+    // The joint starts and ends at rest.
+    profile_.set_parameters(distance_, vmax_, 0, 0, amax_, dmax_, jerk_);
+    profile_.calculate_jerk_limit_profile_time();
+    profile_.time_rounding();
+    profile_.calculate_flow_parameters();
+}
+
+double JointPath::Interpolation(double t) {
+    return start_ + direction_ * ProfilePosition(profile_, t);
+}
+
+// ---------------------------------------------------------------- joint moves
+
+int MoveJointPreprocess(Robot* robot, double* start, double* end, JointPath* paths,
+                        AccDecDate* limits) {
+    const int n = JointCountForMove(robot);
+    if (n < 0) return -1;
+    for (int i = 0; i < n; ++i) {
+        paths[i].SetParameters(start[i], end[i], limits[i].speed, limits[i].acceleration,
+                               limits[i].acceleration, limits[i].jerk);
+        paths[i].InterpolationPreprocess();
+    }
+    // The slowest joint sets the durations; the lowest index wins a tie.
+    int slowest = 0;
+    for (int i = 1; i < n; ++i) {
+        if (paths[i].profile_.ttotal_ > paths[slowest].profile_.ttotal_) slowest = i;
+    }
+    double times[7];
+    for (int k = 0; k < 7; ++k) times[k] = paths[slowest].profile_.t_[k];
+    for (int i = 0; i < n; ++i) paths[i].profile_.recalculate_profile(times);
+    return 0;
+}
+
+int MoveJointPath(Robot* robot, double* start, double* end, AccDecDate* limits) {
+    JointPath paths[kMaxJointNum];
+    if (MoveJointPreprocess(robot, start, end, paths, limits) < 0) return -1;
+    const int n = robot->GetRobotJointNum();
+    double current[kMaxJointNum];
+    double previous[kMaxJointNum];
+    for (int i = 0; i < n; ++i) current[i] = start[i];
+
+    const long ticks = TickCount(paths[0].profile_.ttotal_);
+    if (ticks < 0) return -1;
+
+    BeginStreamedMove();
+    for (long tick = 1; tick <= ticks; ++tick) {
+        if (GetStopFlag()) return -1;
+        const double t = tick * PERIOD;
+        for (int i = 0; i < n; ++i) {
+            previous[i] = current[i];
+            current[i] = paths[i].Interpolation(t);
+        }
+        if (robot->SendMachinePosition(current, previous) < 0) return -1;
+        tql::SleepMilliseconds(4);
+    }
+    return 0;
+}
+
+int MoveToSpecifiedPosition(double* target) {
+    Robot* robot = GetCurrentRobot();
+    const int n = JointCountForMove(robot);
+    if (n < 0) return -1;
+    double current[kMaxJointNum];
+    AccDecDate limits[kMaxJointNum];
+    robot->GetCurrentMachineJoint(current);
+    robot->GetJointSpeedAccDecParameters(limits);
+    for (int i = 0; i < n; ++i) limits[i].speed *= 0.5;
+    return MoveJointPath(robot, current, target, limits);
+}
+
+int MoveToHomePosition() {
+    double home[kMaxJointNum] = {};
+    return MoveToSpecifiedPosition(home);
+}
+
+int MoveToStablePosition() {
+    if (GetCurrentRobot()->GetRobotType() != 1) return -1;
+    // Resting pose of robot type 1, degrees.
+    double target[kMaxJointNum] = {-1.56921, -41.9171, 129.388, 105.722, -95.4584, -48.5681};
+    scaling(target, 0.017453292222222222, 6);
+    return MoveToSpecifiedPosition(target);
+}
+
+// ---------------------------------------------------------------- orientation
+
+double CalculateOrientation(double* q0, double* q1) {
+    double x = dot_product(q0, q1, 4);
+    if (x < 0) {
+        // q and -q are the same orientation; take the one on the shorter arc.
+        scaling(q1, -1.0, 4);
+        x = dot_product(q0, q1, 4);
+    }
+    return std::fabs(x - 1) < 1e-5 ? 0.0 : std::acos(x);
+}
+
+void OrientationInterpolation(double* q0, double* q1, double* out, double s, double angle) {
+    if (std::fabs(angle) < 1e-5) {
+        for (int i = 0; i < 4; ++i) out[i] = q0[i];
+        return;
+    }
+    const double w0 = std::sin((1 - s) * angle) / std::sin(angle);
+    const double w1 = std::sin(s * angle) / std::sin(angle);
+    for (int i = 0; i < 4; ++i) out[i] = q0[i] * w0 + q1[i] * w1;
+}
+
+// ---------------------------------------------------------------- LinearPath
+
+void LinearPath::SetParameters(double* start, double* end, double vlin, double alin, double dlin,
+                               double jlin, double vrot, double arot, double drot, double jrot) {
+    for (int i = 0; i < 7; ++i) {
+        start_pose_[i] = start[i];
+        end_pose_[i] = end[i];
+    }
+    linear_limits_[0] = vlin;
+    linear_limits_[1] = alin;
+    linear_limits_[2] = dlin;
+    linear_limits_[3] = jlin;
+    rotation_limits_[0] = vrot;
+    rotation_limits_[1] = arot;
+    rotation_limits_[2] = drot;
+    rotation_limits_[3] = jrot;
+}
+
+void LinearPath::InterpolationPreprocess() {
+    sub_vector(start_pose_, end_pose_, direction_, 3);
+    length_ = norm(direction_, 3);
+    angle_ = CalculateOrientation(start_pose_ + 3, end_pose_ + 3);
+
+    linear_profile_.set_parameters(length_, linear_limits_[0], 0, 0, linear_limits_[1],
+                                   linear_limits_[2], linear_limits_[3]);
+    linear_profile_.calculate_jerk_limit_profile_time();
+    linear_profile_.time_rounding();
+    rotation_profile_.set_parameters(angle_, rotation_limits_[0], 0, 0, rotation_limits_[1],
+                                     rotation_limits_[2], rotation_limits_[3]);
+    rotation_profile_.calculate_jerk_limit_profile_time();
+    rotation_profile_.time_rounding();
+
+    // The slower profile governs; on equal times the rotation does.
+    SpeedProfile& governing =
+        linear_profile_.ttotal_ <= rotation_profile_.ttotal_ ? rotation_profile_ : linear_profile_;
+    rotation_governs_ = &governing == &rotation_profile_ ? 1 : 0;
+    tall_ = governing.ttotal_;
+    ta_ = governing.ta_;
+    td_ = governing.td_;
+    governing.calculate_flow_parameters();
+}
+
+void LinearPath::Interpolation(double t, double* pose) {
+    SpeedProfile& governing = rotation_governs_ ? rotation_profile_ : linear_profile_;
+    const double distance = rotation_governs_ ? angle_ : length_;
+    const double p = ProfilePosition(governing, t);
+    // A segment of no length at all stays at its start.
+    const double s = distance > 0 ? p / distance : 0.0;
+    for (int i = 0; i < 3; ++i) {
+        pose[i] = start_pose_[i] + (distance > 0 ? direction_[i] * p / distance : 0.0);
+    }
+    OrientationInterpolation(start_pose_ + 3, end_pose_ + 3, pose + 3, s, angle_);
+}
+
+// ---------------------------------------------------------------- linear moves
+
+int MoveLinearPreprocess(Robot* robot, double* start_joints, double* end_joints, LinearPath* path,
+                         AccDecDate* linear, AccDecDate* rotation) {
+    robot->GetRobotJointNum();
+    double start_pose[7];
+    double end_pose[7];
+    if (robot->ForwardKinematics(start_joints, start_pose) < 0) return -1;
+    if (robot->ForwardKinematics(end_joints, end_pose) < 0) return -1;
+    path->SetParameters(start_pose, end_pose, linear->speed, linear->acceleration,
+                        linear->acceleration, linear->jerk, rotation->speed,
+                        rotation->acceleration, rotation->acceleration, rotation->jerk);
+    path->InterpolationPreprocess();
+    return 0;
+}
+
+// Reports a segment whose total time is not a whole number of periods in the
+// form of an assertion failure. The move is refused with -1 before any
+// motion instead of aborting the host with the actuators enabled.
+static void ReportPeriodMismatch(int line) {
+    static const char kFunction[] = "int MoveLinearPath(Robot*, double*, double*, AccDecDate*, AccDecDate*)";
+    static const char kCondition[] = "fabs(tick*PERIOD-lpath.tall_)<em";
+    std::fprintf(stderr, "%s: src/interpolation.cpp:%d: %s: Assertion `%s' failed.\n",
+                 program_invocation_short_name, line, kFunction, kCondition);
+}
+
+int MoveLinearPath(Robot* robot, double* start_joints, double* end_joints, AccDecDate* linear,
+                   AccDecDate* rotation) {
+    LinearPath lpath;
+    // Deliberately unchecked: a path that could not be built stays zero and
+    // gives a move without samples.
+    MoveLinearPreprocess(robot, start_joints, end_joints, &lpath, linear, rotation);
+
+    const int n = JointCountForMove(robot);
+    if (n < 0) return -1;
+    double current[kMaxJointNum];
+    for (int i = 0; i < n; ++i) current[i] = start_joints[i];
+
+    // Planned times are whole periods; anything else is a planning fault.
+    if (!std::isfinite(lpath.tall_) || lpath.tall_ < 0.0 || lpath.tall_ / PERIOD > kMaxTicks) {
+        ReportPeriodMismatch(__LINE__);
+        return -1;
+    }
+    const long tick = std::lround(lpath.tall_ / PERIOD);
+    if (!(std::fabs(tick * PERIOD - lpath.tall_) < em)) {
+        ReportPeriodMismatch(__LINE__);
+        return -1;
+    }
+
+    BeginStreamedMove();
+    return StreamCartesianPath(robot, lpath, tick, current, n);
+}
+
+// ---------------------------------------------------------------- circular moves
+
+int MoveCircularPath(Robot* robot, double* start_joints, double* mid_joints, double* end_joints,
+                     AccDecDate* linear, AccDecDate* rotation) {
+    CircularPath cpath;
+    // Deliberately unchecked, as for the linear move.
+    MoveCircularPreprocess(robot, start_joints, mid_joints, end_joints, &cpath, linear, rotation);
+
+    const int n = JointCountForMove(robot);
+    if (n < 0) return -1;
+    double current[kMaxJointNum];
+    for (int i = 0; i < n; ++i) current[i] = start_joints[i];
+
+    const long ticks = TickCount(cpath.tall_);
+    if (ticks < 0) return -1;
+
+    BeginStreamedMove();
+    return StreamCartesianPath(robot, cpath, ticks, current, n);
+}

@@ -1,0 +1,162 @@
+// Path segments and the move commands built on them: joint moves (every joint
+// on its own jerk-limited profile, all synchronised), straight-line and
+// circular-arc Cartesian moves with orientation interpolation, and jogging.
+//
+// Units and frames:
+//   joint vectors      radians, joint 1 first, Robot::GetRobotJointNum entries;
+//   Cartesian poses    seven doubles x, y, z [mm, base frame], then the unit
+//                      quaternion w, qx, qy, qz of the flange orientation, in
+//                      the order of Robot::ForwardKinematics;
+//   times              seconds from the start of the segment.
+//
+// Streamed moves sample their segment every PERIOD (4 ms) for tick = 1..N,
+// N = round(total time / PERIOD), send the joint set-points through
+// Robot::SendMachinePosition and sleep 4 ms between samples. They clear the
+// stop flag at the start, install the SIGINT handler and poll the flag every
+// period. A stop, an unreachable pose or a refused set-point ends the move at
+// once (no deceleration) with -1; the arm holds the last sent set-point.
+#ifndef TQL_INTERPOLATION_H
+#define TQL_INTERPOLATION_H
+
+#include "mechnical_unit.h"
+#include "speed_profile.h"
+
+// One joint's segment. Starts zeroed.
+struct JointPath {
+    double start_ = 0.0;      // start angle (rad)
+    double end_ = 0.0;        // target angle (rad)
+    double vmax_ = 0.0;       // rad/s
+    double amax_ = 0.0;       // rad/s^2
+    double dmax_ = 0.0;       // rad/s^2
+    double jerk_ = 0.0;       // rad/s^3
+    double direction_ = 0.0;  // +1 when end_ > start_, otherwise -1 (also for no motion)
+    double distance_ = 0.0;   // |end_ - start_| (rad)
+    SpeedProfile profile_;
+
+    void SetParameters(double start, double end, double vmax, double amax, double dmax,
+                       double jerk);
+    // Plans the rest-to-rest profile over distance_, rounded to whole periods.
+    void InterpolationPreprocess();
+    // Joint angle (rad) at time t.
+    double Interpolation(double t);
+};
+
+// Straight line between two poses; the slower of the translation and the
+// rotation profile governs both. Starts zeroed.
+struct LinearPath {
+    double start_pose_[7] = {};
+    double end_pose_[7] = {};         // quaternion may be negated by planning (short arc)
+    double linear_limits_[4] = {};    // speed, acceleration, deceleration, jerk (mm, s)
+    double rotation_limits_[4] = {};  // speed, acceleration, deceleration, jerk (rad, s)
+    double angle_ = 0.0;              // angle between the quaternions (rad, half the tool turn)
+    double length_ = 0.0;             // mm
+    double direction_[3] = {};        // end position - start position (mm, not normalised)
+    int rotation_governs_ = 0;        // 1: rotation profile sets the timing
+    SpeedProfile linear_profile_;     // over length_
+    SpeedProfile rotation_profile_;   // over angle_
+    double tall_ = 0.0;               // total time of the governing profile (whole periods)
+    double ta_ = 0.0;                 // its acceleration time
+    double td_ = 0.0;                 // its deceleration time
+
+    void SetParameters(double* start, double* end, double vlin, double alin, double dlin,
+                       double jlin, double vrot, double arot, double drot, double jrot);
+    void InterpolationPreprocess();
+    // Writes the seven-value pose at time t.
+    void Interpolation(double t, double* pose);
+};
+
+// Arc of the circle through start, middle and end positions; the middle
+// pose's orientation is not used. Starts zeroed, so a failed circle
+// construction leaves a zero circle.
+struct CircularPath {
+    double start_pose_[7] = {};
+    double mid_pose_[7] = {};
+    double end_pose_[7] = {};         // quaternion may be negated by planning
+    double linear_limits_[4] = {};    // along the arc: speed, acceleration, deceleration, jerk
+    double rotation_limits_[4] = {};  // orientation: speed, acceleration, deceleration, jerk
+    double angle_ = 0.0;              // angle between start and end quaternions (rad)
+    double arc_length_ = 0.0;         // arc_angle_ * radius_ (mm)
+    // Circle frame in the base frame; columns: unit x (centre -> start),
+    // unit y in the circle's plane, unit normal. frame_[row][column].
+    double frame_[3][3] = {};
+    double centre_[3] = {};           // mm
+    double radius_ = 0.0;             // mm
+    double sector_angles_[2] = {};    // central angles start->middle, middle->end (rad)
+    double arc_angle_ = 0.0;          // sum of the two sector angles (rad)
+    double tall_ = 0.0;
+    double ta_ = 0.0;
+    double td_ = 0.0;
+    SpeedProfile linear_profile_;     // over arc_length_
+    SpeedProfile rotation_profile_;   // over angle_
+    int rotation_governs_ = 0;
+
+    void SetParameters(double* start, double* mid, double* end, double vlin, double alin,
+                       double dlin, double jlin, double vrot, double arot, double drot,
+                       double jrot);
+    void InterpolationPreprocess();
+    void Interpolation(double t, double* pose);
+};
+
+// ---- joint moves
+
+// Plans one JointPath per joint (deceleration limit = acceleration limit) and
+// imposes the slowest joint's durations on all (lowest index wins a tie).
+// 0, or -1 (with a message) when the joint count does not fit kMaxJointNum.
+int MoveJointPreprocess(Robot* robot, double* start, double* end, JointPath* paths,
+                        AccDecDate* limits);
+// Streams a joint move. 0 when finished, -1 when stopped or refused.
+int MoveJointPath(Robot* robot, double* start, double* end, AccDecDate* limits);
+// Joint move of the current robot from where it stands to `target`, at half
+// the joint speed limits.
+int MoveToSpecifiedPosition(double* target);
+// All joints to 0.
+int MoveToHomePosition();
+// The fixed resting pose of robot type 1; -1 for other types.
+int MoveToStablePosition();
+
+// ---- linear moves
+
+// Angle (rad) between unit quaternions q0 and q1 (four values each, w first);
+// negates q1 in place when that gives the shorter arc.
+double CalculateOrientation(double* q0, double* q1);
+// Spherical linear interpolation at fraction s of `angle` (from
+// CalculateOrientation); out is not re-normalised.
+void OrientationInterpolation(double* q0, double* q1, double* out, double s, double angle);
+// Builds the segment between the flange poses of two joint vectors.
+// 0, or -1 when a forward kinematics call fails.
+int MoveLinearPreprocess(Robot* robot, double* start_joints, double* end_joints, LinearPath* path,
+                         AccDecDate* linear, AccDecDate* rotation);
+// Streams a linear move. 0 when finished, -1 when stopped, unreachable or
+// refused. A plan whose total time is not a whole number of periods (only a
+// corrupt plan, e.g. from non-finite limits) is reported on standard error as
+// a failed internal check and refused with -1 before any motion.
+int MoveLinearPath(Robot* robot, double* start_joints, double* end_joints, AccDecDate* linear,
+                   AccDecDate* rotation);
+
+// ---- circular moves
+
+// Circle through the positions (first three values) of p1, p2, p3: centre
+// (mm), radius (mm), frame (see CircularPath::frame_) and the two sector
+// angles (rad). 0, or -1 when the points do not define a circle (outputs
+// untouched).
+int CalculateCircularExpression(double* p1, double* p2, double* p3, double* centre,
+                                double* radius, double frame[3][3], double* sector_angles);
+int MoveCircularPreprocess(Robot* robot, double* start_joints, double* mid_joints,
+                           double* end_joints, CircularPath* path, AccDecDate* linear,
+                           AccDecDate* rotation);
+int MoveCircularPath(Robot* robot, double* start_joints, double* mid_joints, double* end_joints,
+                     AccDecDate* linear, AccDecDate* rotation);
+
+// ---- jogging (current robot, a quarter of the speed limits)
+
+// Turns joint `joint` (0..n-1) by `step` degrees. -1 for a bad index.
+int JogInJointCoordinateSystem(int joint, double step);
+// axis 0..2: along base x, y, z by `step` mm; 3..5: about base x, y, z by
+// `step` degrees, keeping the flange position. -1 for a bad axis, an
+// unreachable target or a kinematics failure.
+int JogInCartesianCoordinateSystem(int axis, double step);
+
+// Program move table runners (declared beside the segments they stream).
+#include "path_list.h"
+
+#endif  // TQL_INTERPOLATION_H

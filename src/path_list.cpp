@@ -1,0 +1,340 @@
+// Program move table runners: preparation, plain and blended streaming, and
+// operator stepping.
+#include "path_list.h"
+
+#include <csignal>
+#include <cmath>
+#include <iostream>
+#include <limits>
+#include <string>
+
+#include "execute.h"
+#include "interpolation.h"
+#include "math_fun.h"
+#include "program.h"
+#include "timing.h"
+
+namespace {
+
+// Longest move a table may hold, seconds; keeps every tick count well inside int.
+constexpr double kMaxMoveSeconds = 1.0e5;
+// Distinct arc points must be at least this far apart, mm.
+constexpr double kMinArcPointGap = 1.0e-3;
+// Smallest sine of the angle at the start point of a usable arc.
+constexpr double kMinArcSine = 1.0e-6;
+// A planned arc must end this close to the target position, mm.
+constexpr double kArcEndTolerance = 0.05;
+
+int JointCount(Robot* robot) {
+    int n = robot->GetRobotJointNum();
+    if (n < 0) n = 0;
+    if (n > kMaxJointNum) n = kMaxJointNum;
+    return n;
+}
+
+// Whole control periods in a duration (seconds), rounded to nearest.
+int Ticks(double seconds) {
+    return static_cast<int>(std::lround(seconds / PERIOD));
+}
+
+void CopyJoints(const double* from, double* to, int n) {
+    for (int i = 0; i < n; ++i) to[i] = from[i];
+}
+
+void InstallStop() {
+    InitStopFlag();
+    signal(SIGINT, SetStopFlagForSignal);
+}
+
+double Distance3(const double* a, const double* b) {
+    double d[3];
+    for (int i = 0; i < 3; ++i) d[i] = b[i] - a[i];
+    return norm(d, 3);
+}
+
+// The three arc points (flange positions, mm) define one circle.
+bool ArcPointsUsable(const double* p1, const double* p2, const double* p3) {
+    const double d12 = Distance3(p1, p2);
+    const double d13 = Distance3(p1, p3);
+    const double d23 = Distance3(p2, p3);
+    if (d12 < kMinArcPointGap || d13 < kMinArcPointGap || d23 < kMinArcPointGap) return false;
+    double u[3];
+    double v[3];
+    double w[3];
+    for (int i = 0; i < 3; ++i) {
+        u[i] = p2[i] - p1[i];
+        v[i] = p3[i] - p1[i];
+    }
+    cross_3d(u, v, w);
+    return norm(w, 3) >= kMinArcSine * d12 * d13;
+}
+
+// A prepared move can be streamed: finite, non-negative phase times that fit
+// inside the total.
+bool MovePrepared(const InterpolationData& m) {
+    if (!std::isfinite(m.acc_time) || !std::isfinite(m.dec_time) || !std::isfinite(m.total_time)) return false;
+    if (m.acc_time < 0.0 || m.dec_time < 0.0 || m.total_time < 0.0) return false;
+    if (m.total_time > kMaxMoveSeconds) return false;
+    return m.acc_time + m.dec_time <= m.total_time + em;
+}
+
+// Refuses the whole run, before any motion, when a move could not be prepared.
+int CheckPreparedMoves(const InterpolationData* table, int n) {
+    for (int i = 0; i < n; ++i) {
+        if (!MovePrepared(table[i])) {
+            std::cout << "Line " << table[i].line_number << " move preparation failed !" << std::endl;
+            return -1;
+        }
+    }
+    return 0;
+}
+
+// Prepares and checks a table for streaming; 0 or -1.
+int PrepareForRun(Robot* robot, InterpolationData* table, int n) {
+    PathListPreprocess(robot, table, n);
+    return CheckPreparedMoves(table, n);
+}
+
+int StepToTarget(Robot* robot, InterpolationData& m) {
+    double current[kMaxJointNum] = {};
+    robot->GetCurrentMachineJoint(current);
+    switch (m.type) {
+    case kMoveJoint:
+        return MoveJointPath(robot, current, m.target_position, m.joint_acc_dec) < 0 ? -1 : 0;
+    case kMoveLinear:
+    case kMoveCircular:
+        // In step mode a circular move goes straight to its target.
+        return MoveLinearPath(robot, current, m.target_position, &m.line_acc_dec, &m.rotate_acc_dec) < 0 ? -1 : 0;
+    default:
+        std::cout << "Move type is invalid ." << std::endl;
+        return -1;
+    }
+}
+
+}  // namespace
+
+int InterpolationData::MovePreProcess(Robot* robot) {
+    // Unset until this preparation succeeds; the runners refuse unset moves.
+    acc_time = dec_time = total_time = std::numeric_limits<double>::quiet_NaN();
+    if (robot == nullptr) return -1;
+    AccDecDate line = line_acc_dec;
+    line.speed *= cartesian_space_trans[0];
+    AccDecDate rotate = rotate_acc_dec;
+    rotate.speed *= cartesian_space_rot[0];
+    switch (type) {
+    case kMoveJoint: {
+        const int n = JointCount(robot);
+        AccDecDate limits[kMaxJointNum];
+        for (int j = 0; j < n; ++j) {
+            limits[j] = joint_acc_dec[j];
+            limits[j].speed *= joint_space[0];
+        }
+        // A joint move is always taken as prepared.
+        MoveJointPreprocess(robot, start_position, target_position, joint_path, limits);
+        acc_time = joint_path[0].profile_.ta_;
+        dec_time = joint_path[0].profile_.td_;
+        total_time = joint_path[0].profile_.ttotal_;
+        return 0;
+    }
+    case kMoveLinear:
+        if (MoveLinearPreprocess(robot, start_position, target_position, &linear_path, &line, &rotate) < 0)
+            return -1;
+        acc_time = linear_path.ta_;
+        dec_time = linear_path.td_;
+        total_time = linear_path.tall_;
+        return 0;
+    case kMoveCircular: {
+        // Three points that do not define a circle would give an undefined arc:
+        // refuse them here rather than stream it.
+        double p1[7];
+        double p2[7];
+        double p3[7];
+        if (robot->ForwardKinematics(start_position, p1) < 0 || robot->ForwardKinematics(auxiliary_position, p2) < 0 ||
+            robot->ForwardKinematics(target_position, p3) < 0)
+            return -1;
+        if (!ArcPointsUsable(p1, p2, p3)) return -1;
+        if (MoveCircularPreprocess(robot, start_position, auxiliary_position, target_position, &circular_path, &line,
+                                   &rotate) < 0)
+            return -1;
+        // The arc runs start -> middle -> on; it reaches the target only when
+        // the middle point lies between the two.
+        double end_pose[7];
+        circular_path.Interpolation(circular_path.tall_, end_pose);
+        if (!(Distance3(end_pose, p3) <= kArcEndTolerance)) return -1;
+        acc_time = circular_path.ta_;
+        dec_time = circular_path.td_;
+        total_time = circular_path.tall_;
+        return 0;
+    }
+    default:
+        return -1;
+    }
+}
+
+int InterpolationData::MovePathFlow(Robot* robot, double* joint, double t) {
+    double pose[7];
+    switch (type) {
+    case kMoveJoint: {
+        const int n = JointCount(robot);
+        for (int j = 0; j < n; ++j) joint[j] = joint_path[j].Interpolation(t);
+        return 0;
+    }
+    case kMoveLinear:
+        linear_path.Interpolation(t, pose);
+        return robot->InverseKinematics(joint, pose) < 0 ? -1 : 0;
+    case kMoveCircular:
+        circular_path.Interpolation(t, pose);
+        return robot->InverseKinematics(joint, pose) < 0 ? -1 : 0;
+    default:
+        return -1;
+    }
+}
+
+int PathListPreprocess(Robot* robot, InterpolationData* table, int count) {
+    // An empty table has no first move to start from.
+    if (robot == nullptr || table == nullptr || count <= 0) return 0;
+    // The program always starts from where the arm actually is.
+    robot->GetCurrentMachineJoint(table[0].start_position);
+    for (int i = 0; i < count; ++i) {
+        table[i].MovePreProcess(robot);
+        if (i > 0) {
+            // Blend length: the shorter of the two phases that meet (on a tie
+            // the earlier move's deceleration).
+            InterpolationData& prev = table[i - 1];
+            InterpolationData& cur = table[i];
+            const double blend = cur.acc_time < prev.dec_time ? cur.acc_time : prev.dec_time;
+            prev.dec_time = blend;
+            cur.acc_time = blend;
+        }
+    }
+    table[0].acc_time = 0.0;
+    table[count - 1].dec_time = 0.0;
+    return 0;
+}
+
+int MovePathList(Robot* robot, InterpolationData* table, int count) {
+    if (robot == nullptr || table == nullptr || count < 0) return -1;
+    if (count == 0) return 0;
+    if (PrepareForRun(robot, table, count) < 0) return -1;
+    const int n = JointCount(robot);
+    double command[kMaxJointNum] = {};
+    double previous[kMaxJointNum] = {};
+    CopyJoints(table[0].start_position, command, n);
+    InstallStop();
+
+    for (int i = 0; i < count; ++i) {
+        InterpolationData& move = table[i];
+        const int ticks = Ticks(move.total_time);
+        for (int k = 1; k <= ticks; ++k) {
+            if (GetStopFlag()) return -1;
+            CopyJoints(command, previous, n);
+            if (move.MovePathFlow(robot, command, k * PERIOD) < 0) return -1;
+            if (robot->SendMachinePosition(command, previous) < 0) return -1;
+            tql::SleepSeconds(PERIOD);
+        }
+    }
+    return 0;
+}
+
+int MovePathListSmooth(Robot* robot, InterpolationData* table, int count) {
+    if (robot == nullptr || table == nullptr || count < 0) return -1;
+    if (count == 0) return 0;
+    if (PrepareForRun(robot, table, count) < 0) return -1;
+    const int n = JointCount(robot);
+    double command[kMaxJointNum] = {};   // K: the superposed command
+    double previous[kMaxJointNum] = {};
+    double tail[kMaxJointNum] = {};      // P: position along the finishing move
+    double tail_old[kMaxJointNum] = {};
+    double head[kMaxJointNum] = {};      // Q: position along the starting move
+    double head_old[kMaxJointNum] = {};
+    CopyJoints(table[0].start_position, command, n);
+    InstallStop();
+
+    for (int i = 0; i < count; ++i) {
+        InterpolationData& move = table[i];
+        if (i > 0) {
+            // Blend phase: the command moves by the sum of both moves'
+            // increments over the overlap.
+            InterpolationData& before = table[i - 1];
+            const double tail_start = before.total_time - before.dec_time;
+            CopyJoints(command, tail, n);
+            CopyJoints(move.start_position, head, n);
+            const int ticks = Ticks(move.acc_time);
+            for (int k = 1; k <= ticks; ++k) {
+                if (GetStopFlag()) return -1;
+                CopyJoints(tail, tail_old, n);
+                if (before.MovePathFlow(robot, tail, tail_start + k * PERIOD) < 0) return -1;
+                CopyJoints(head, head_old, n);
+                if (move.MovePathFlow(robot, head, k * PERIOD) < 0) return -1;
+                CopyJoints(command, previous, n);
+                for (int j = 0; j < n; ++j) command[j] += (tail[j] - tail_old[j]) + (head[j] - head_old[j]);
+                if (robot->SendMachinePosition(command, previous) < 0) return -1;
+                tql::SleepSeconds(PERIOD);
+            }
+        }
+        // Main phase: this move alone, absolute positions. Its deceleration
+        // phase is run as the next move's blend (the last move's is 0).
+        const int ticks = Ticks(move.total_time - move.dec_time - move.acc_time);
+        for (int k = 1; k <= ticks; ++k) {
+            if (GetStopFlag()) return -1;
+            CopyJoints(command, previous, n);
+            if (move.MovePathFlow(robot, command, move.acc_time + k * PERIOD) < 0) return -1;
+            if (robot->SendMachinePosition(command, previous) < 0) return -1;
+            tql::SleepSeconds(PERIOD);
+        }
+    }
+    return 0;
+}
+
+int ReplayPathStep(Robot* robot, InterpolationData* table, int count) {
+    if (robot == nullptr || table == nullptr || count < 0) return -1;
+    robot->ActivatePositionMode();
+    const int n = JointCount(robot);
+    for (int i = 0; i < count; ++i) {
+        InterpolationData& m = table[i];
+        switch (m.type) {
+        case kMoveJoint:
+            for (int j = 0; j < n; ++j) m.joint_acc_dec[j].speed *= joint_space[0];
+            break;
+        case kMoveLinear:
+        case kMoveCircular:
+            m.line_acc_dec.speed *= cartesian_space_trans[0];
+            m.rotate_acc_dec.speed *= cartesian_space_rot[0];
+            break;
+        default:
+            std::cout << "Move type is invalid ." << std::endl;
+            return -1;
+        }
+    }
+
+    int step = 0;  // 0: before the first move; k: at the target of move k
+    for (;;) {
+        std::cout << "FORWARD or BACKWARD " << std::flush;
+        std::string word;
+        if (!(std::cin >> word)) {
+            std::cin.clear();
+            word.clear();
+        }
+        int next = 0;
+        if (word == "FORWARD") {
+            next = step + 1;
+            if (next > count || next < 1) {
+                std::cout << "Forward failure" << std::endl;
+                continue;
+            }
+        } else if (word == "BACKWARD") {
+            next = step - 1;
+            if (next > count || next < 1) {
+                std::cout << "Backward failure" << std::endl;
+                continue;
+            }
+        } else {
+            std::cout << "Program exit!" << std::endl;
+            return -1;
+        }
+        step = next;
+        InterpolationData& m = table[step - 1];
+        std::cout << "Current line number = " << m.line_number << std::endl;
+        if (StepToTarget(robot, m) < 0) return -1;
+    }
+}

@@ -1,0 +1,96 @@
+// Program execution: conversion of decoded instructions into a table of moves,
+// the operator's speed override and operation cycle mode, and the run of a
+// whole program file.
+#ifndef TQL_PROGRAM_H
+#define TQL_PROGRAM_H
+
+#include <limits>
+#include <list>
+#include <string>
+
+#include "instruction.h"
+#include "interpolation.h"
+#include "mechnical_unit.h"
+#include "speed_profile.h"
+
+// Moves one program may hold (size of the execution table).
+constexpr int kInterpolationTableSize = 1000;
+
+// Degrees to radians with the system's truncated pi (3.1415926 / 180).
+constexpr double kProgramDegreeToRadian = 0.017453292222222222;
+
+// One program move, ready for interpolation. Joint vectors hold J doubles
+// (J = Robot::GetRobotJointNum), radians.
+struct InterpolationData {
+    int line_number = 0;           // physical line of the instruction in its file
+    int type = kMoveJoint;         // MoveInstructionType: 0 joint, 1 linear, 2 circular
+    JointPath joint_path[kMaxJointNum] = {};
+    LinearPath linear_path = {};
+    CircularPath circular_path = {};
+    AccDecDate joint_acc_dec[kMaxJointNum];  // per joint, rad/s, rad/s^2, rad/s^3
+    AccDecDate line_acc_dec;                 // translation, the robot's Cartesian units
+    AccDecDate rotate_acc_dec;               // rotation, rad/s, rad/s^2, rad/s^3
+    SpeedData speed;
+    ZoneData zone;  // carried from the instruction; blending does not consult it
+    // Prepared segment: acceleration-phase, deceleration-phase and total
+    // time, seconds. Not a number while the segment is unprepared.
+    double acc_time = std::numeric_limits<double>::quiet_NaN();
+    double dec_time = std::numeric_limits<double>::quiet_NaN();
+    double total_time = std::numeric_limits<double>::quiet_NaN();
+    double start_position[kMaxJointNum] = {};
+    double auxiliary_position[kMaxJointNum] = {};  // circular moves: the arc's middle
+    double target_position[kMaxJointNum] = {};
+
+    // Prepares this move's segment with the speed overrides applied. 0, or -1
+    // when a Cartesian segment cannot be built (its times are then unset).
+    int MovePreProcess(Robot* robot);
+    // Joint angles of this move t seconds after its start. On entry `joint`
+    // holds the previous period's angles (the inverse kinematics seed). 0 or -1.
+    int MovePathFlow(Robot* robot, double* joint, double t);
+};
+
+// Converts the move instructions of `list` into table[0..] (at most
+// kInterpolationTableSize entries), chaining start positions from
+// current_joint. TIMER and DOUT lines are skipped. Returns the number of moves
+// (also stored in *count), or -1 with a message.
+int InstructionDataToMoveData(std::list<InstructionUnit>* list, InterpolationData* table,
+                              double* current_joint, Robot* robot, int* count);
+
+// Decodes, converts and runs a program file with the operator's settings.
+// 0, or -1 on any failure.
+int ExecuteFileInstruction(Robot* robot, std::string file_name);
+
+// Asks (in terminal use) for the override and cycle mode, then runs the table
+// in that mode. 0, or -1.
+int ReplayParametersConfiguration(Robot* robot, InterpolationData* table, int count);
+
+// Operation cycle mode of program runs.
+enum OperationCycleMode {
+    STEP = 0,        // one move at a time, FORWARD / BACKWARD
+    CYCLE = 1,       // the program once
+    CONTINUOUS = 2,  // the program again and again until stopped
+};
+
+void SetOperationCycleMode(OperationCycleMode mode);
+OperationCycleMode GetOperationCycleMode();
+int GetOperationCycleModeFromTerminal();
+
+// Blend consecutive moves of a CYCLE or CONTINUOUS run.
+void SetSmoothReplay(bool smooth);
+bool GetSmoothReplay();
+
+// Speed override: the operator's factor (0.1 to 1) and the factors the
+// runners apply. Only element 0 of each factor array is ever other than 1.0.
+extern double joint_space[4];             // joint speed factor
+extern double cartesian_space_trans[4];   // Cartesian translation speed factor
+extern double cartesian_space_rot[4];     // Cartesian rotation speed factor
+
+void InitSpeedOverride();
+void SetReplayOverride(double value);
+double GetReplayOverride();
+// Copies the replay override into the factors; -1 (factors left at 1.0) when
+// it is outside 0.1..1.
+int SetSpeedOverride();
+int GetReplayOverrideFromTerminal();
+
+#endif  // TQL_PROGRAM_H

@@ -1,0 +1,366 @@
+// Seven-phase jerk-limited speed profile: planning, rounding to the control
+// period, synchronisation and sampling.
+//
+// Notation in the comments: h distance, v peak speed, vs/ve start/end speed,
+// a/d acceleration/deceleration limit, j jerk.
+#include "speed_profile.h"
+
+#include <cmath>
+#include <iostream>
+
+namespace {
+
+// Bracket width at which the peak-speed search is done.
+constexpr double kBisectionGap = 1e-12;
+
+// Distance covered with peak speed m under one of the three shapes of the
+// planner (see bisection_method_f1/f2/f3 in the header).
+using DistanceModel = double (*)(double m, double a, double j, double vs, double ve);
+
+double DistanceF1(double m, double a, double j, double vs, double ve) {
+    return (m + vs) / 2 * (a / j + (m - vs) / a) + (m + ve) * std::sqrt((m - ve) / j);
+}
+
+double DistanceF2(double m, double /*a*/, double j, double vs, double ve) {
+    return (m + vs) * std::sqrt((m - vs) / j) + (m + ve) * std::sqrt((m - ve) / j);
+}
+
+double DistanceF3(double m, double d, double j, double vs, double ve) {
+    return (m + ve) / 2 * (d / j + (m - ve) / d) + (m + vs) * std::sqrt((m - vs) / j);
+}
+
+// Halves [lo, hi] towards model(m) == h. Always ends: it stops at the 1e-12
+// gap, when the midpoint equals an end (adjacent doubles, e.g. above about
+// 8192 units/s the spacing of doubles exceeds 1e-12), or when a bound is
+// not finite.
+double Bisect(DistanceModel model, double lo, double hi, double a, double j, double vs,
+              double ve, double h) {
+    do {
+        if (!std::isfinite(lo) || !std::isfinite(hi)) break;
+        const double m = (lo + hi) / 2;
+        if (m == lo || m == hi) break;
+        if (model(m, a, j, vs, ve) < h) {
+            lo = m;
+        } else {
+            hi = m;
+        }
+    } while (!(std::fabs(lo - hi) < kBisectionGap));
+    return (lo + hi) / 2;
+}
+
+// ceil(T / PERIOD) * PERIOD, with durations below the tolerance set to 0.
+double RoundUpToPeriod(double t) {
+    if (std::fabs(t) < em) return 0.0;
+    return std::ceil(t / PERIOD) * PERIOD;
+}
+
+// Peak speed when both the acceleration and the deceleration reach their
+// limit; the acceleration limit a serves both sides.
+double ClosedFormPeak(double a, double j, double vs, double ve, double h) {
+    const double radicand =
+        a * a * a * a - 2 * j * (a * a * (vs + ve) - j * (vs * vs + ve * ve) - 2 * a * j * h);
+    return (-a * a / j + std::sqrt(radicand) / j) / 2;
+}
+
+}  // namespace
+
+double bisection_method_f1(double lo, double hi, double a, double jerk, double vstart,
+                           double vend, double distance) {
+    return Bisect(&DistanceF1, lo, hi, a, jerk, vstart, vend, distance);
+}
+
+double bisection_method_f2(double lo, double hi, double a, double jerk, double vstart,
+                           double vend, double distance) {
+    return Bisect(&DistanceF2, lo, hi, a, jerk, vstart, vend, distance);
+}
+
+double bisection_method_f3(double lo, double hi, double a, double jerk, double vstart,
+                           double vend, double distance) {
+    return Bisect(&DistanceF3, lo, hi, a, jerk, vstart, vend, distance);
+}
+
+double recalculate_profile1(double distance, double* times) {
+    const double* t = times;
+    return distance / (t[3] + (t[0] + t[1] + t[2]) / 2 + (t[4] + t[5] + t[6]) / 2) /
+           (t[0] / 2 + t[2] / 2 + t[1]) / t[0];
+}
+
+void SpeedProfile::set_parameters(double distance, double vmax, double vstart, double vend,
+                                  double amax, double dmax, double jerk) {
+    distance_ = distance;
+    vmax_ = vmax;
+    vstart_ = vstart;
+    vend_ = vend;
+    amax_ = amax;
+    dmax_ = dmax;
+    jerk_ = jerk;
+}
+
+void SpeedProfile::calculate_jerk_limit_profile_time() {
+    const double h = distance_;
+    const double vs = vstart_;
+    const double ve = vend_;
+    const double a = amax_;
+    const double d = dmax_;
+    const double j = jerk_;
+
+    if (h < 1e-5) {
+        // ta_, td_ and ttotal_ keep their values; time_rounding zeroes them.
+        for (double& t : t_) t = 0.0;
+        return;
+    }
+
+    // Both sides planned with the commanded peak.
+    double v = vmax_;
+    double tj1, tac, tj2, tdc;
+    if (v - vs >= a * a / j) {
+        tj1 = a / j;
+        tac = (v - vs) / a - a / j;
+    } else {
+        tj1 = std::sqrt((v - vs) / j);
+        tac = 0.0;
+    }
+    if (v - ve >= d * d / j) {
+        tj2 = d / j;
+        tdc = (v - ve) / d - d / j;
+    } else {
+        tj2 = std::sqrt((v - ve) / j);
+        tdc = 0.0;
+    }
+    const double no_cruise = (v + vs) * (2 * tj1 + tac) / 2 + (v + ve) * (2 * tj2 + tdc) / 2;
+    double tv = 0.0;
+
+    // Shapes of a profile whose commanded peak is not reached. Each sets the
+    // lowered peak in vmax_ and the four durations.
+    auto both_limits = [&]() {
+        vmax_ = ClosedFormPeak(a, j, vs, ve, h);
+        v = vmax_;
+        tj1 = a / j;
+        tac = (v - vs) / a - a / j;
+        tj2 = d / j;
+        tdc = (v - ve) / d - d / j;
+    };
+    auto acc_limit_only = [&](double lo, double hi) {
+        vmax_ = bisection_method_f1(lo, hi, a, j, vs, ve, h);
+        v = vmax_;
+        tj1 = a / j;
+        tac = (v - vs) / a - a / j;
+        tj2 = std::sqrt((v - ve) / j);
+        tdc = 0.0;
+    };
+    auto dec_limit_only = [&](double lo, double hi) {
+        vmax_ = bisection_method_f3(lo, hi, d, j, vs, ve, h);
+        v = vmax_;
+        tj1 = std::sqrt((v - vs) / j);
+        tac = 0.0;
+        tj2 = d / j;
+        tdc = (v - ve) / d - d / j;
+    };
+    auto jerk_only = [&](double lo, double hi) {
+        vmax_ = bisection_method_f2(lo, hi, a, j, vs, ve, h);
+        v = vmax_;
+        tj1 = std::sqrt((v - vs) / j);
+        tj2 = std::sqrt((v - ve) / j);
+        tac = 0.0;
+        tdc = 0.0;
+    };
+
+    if (no_cruise < h) {
+        tv = (h - no_cruise) / v;
+    } else if (std::fabs(h - no_cruise) < 1e-5) {
+        tv = 0.0;
+    } else if (vs < ve) {
+        // The durations tj1, tj2 of the commanded peak enter this test on purpose.
+        const double vb = ve + d * d / j;
+        const double tac_b = (vb - vs) / a - a / j;
+        const double dist_b = (vs + vb) * (2 * tj1 + tac_b) / 2 + (ve + vb) * tj2;
+        if (dist_b < h) {
+            both_limits();
+        } else {
+            const double va = vs + a * a / j;
+            if (va <= ve) {
+                acc_limit_only(va, ve + d * d / j);
+            } else {
+                vmax_ = va;
+                const double dist_a =
+                    (va + vs) * std::sqrt((va - vs) / j) + (ve + va) * std::sqrt((va - ve) / j);
+                if (dist_a >= h) {
+                    jerk_only(ve, va);
+                } else {
+                    acc_limit_only(va, ve + d * d / j);
+                }
+            }
+        }
+    } else {
+        // Mirror image; here the closed form is also taken on equality.
+        const double va = vs + a * a / j;
+        const double tdc_a = (va - ve) / d - d / j;
+        const double dist_a = (vs + va) * tj1 + (ve + va) * (2 * tj2 + tdc_a) / 2;
+        if (dist_a <= h) {
+            both_limits();
+        } else {
+            const double vb = ve + d * d / j;
+            if (vb <= vs) {
+                dec_limit_only(vb, vs + a * a / j);
+            } else {
+                vmax_ = vb;
+                const double dist_b =
+                    (vb + vs) * std::sqrt((vb - vs) / j) + (ve + vb) * std::sqrt((vb - ve) / j);
+                if (dist_b >= h) {
+                    jerk_only(vs, vb);
+                } else {
+                    dec_limit_only(vb, vs + a * a / j);
+                }
+            }
+        }
+    }
+
+    t_[0] = tj1;
+    t_[1] = tac;
+    t_[2] = tj1;
+    t_[3] = tv;
+    t_[4] = tj2;
+    t_[5] = tdc;
+    t_[6] = tj2;
+    ta_ = 2 * tj1 + tac;
+    td_ = 2 * tj2 + tdc;
+    ttotal_ = ta_ + tv + td_;
+}
+
+void SpeedProfile::time_rounding() {
+    const double tj1 = RoundUpToPeriod(t_[0]);
+    const double tac = RoundUpToPeriod(t_[1]);
+    const double tv = RoundUpToPeriod(t_[3]);
+    const double tj2 = RoundUpToPeriod(t_[4]);
+    const double tdc = RoundUpToPeriod(t_[5]);
+    t_[0] = tj1;
+    t_[1] = tac;
+    t_[2] = tj1;
+    t_[3] = tv;
+    t_[4] = tj2;
+    t_[5] = tdc;
+    t_[6] = tj2;
+    ta_ = 2 * tj1 + tac;
+    td_ = 2 * tj2 + tdc;
+    ttotal_ = ta_ + tv + td_;
+    // The longer durations need a smaller jerk to cover the same distance.
+    jerk_ = std::fabs(ttotal_) < 1e-5 ? 0.0 : recalculate_profile1(distance_, t_);
+}
+
+void SpeedProfile::calculate_flow_parameters() {
+    const double j = jerk_;
+    const double* tau = t_;
+    double(*s)[3] = phase_end_;
+
+    // Phase 1: jerk +j from rest acceleration.
+    s[0][kPhaseAcceleration] = j * tau[0];
+    s[0][kPhaseSpeed] = vstart_ + j * tau[0] * tau[0] / 2;
+    s[0][kPhasePosition] = vstart_ * tau[0] + j * tau[0] * tau[0] * tau[0] / 6;
+    // Phase 2: constant acceleration.
+    const double a1 = s[0][kPhaseAcceleration];
+    s[1][kPhaseAcceleration] = a1;
+    s[1][kPhaseSpeed] = s[0][kPhaseSpeed] + a1 * tau[1];
+    s[1][kPhasePosition] = s[0][kPhasePosition] + s[0][kPhaseSpeed] * tau[1] + a1 * tau[1] * tau[1] / 2;
+    // Phase 3: jerk -j back to zero acceleration.
+    s[2][kPhaseAcceleration] = a1 - j * tau[2];
+    s[2][kPhaseSpeed] = s[1][kPhaseSpeed] + a1 * tau[2] - j * tau[2] * tau[2] / 2;
+    s[2][kPhasePosition] = s[1][kPhasePosition] + s[1][kPhaseSpeed] * tau[2] +
+                           a1 * tau[2] * tau[2] / 2 - j * tau[2] * tau[2] * tau[2] / 6;
+    // Phase 4: cruise at the peak speed.
+    s[3][kPhaseAcceleration] = 0.0;
+    s[3][kPhaseSpeed] = s[2][kPhaseSpeed];
+    s[3][kPhasePosition] = s[2][kPhasePosition] + s[2][kPhaseSpeed] * tau[3];
+    // Phase 5: jerk -j into the deceleration.
+    const double a4 = s[3][kPhaseAcceleration];
+    s[4][kPhaseAcceleration] = a4 - j * tau[4];
+    s[4][kPhaseSpeed] = s[3][kPhaseSpeed] + a4 * tau[4] - j * tau[4] * tau[4] / 2;
+    s[4][kPhasePosition] = s[3][kPhasePosition] + s[3][kPhaseSpeed] * tau[4] +
+                           a4 * tau[4] * tau[4] / 2 - j * tau[4] * tau[4] * tau[4] / 6;
+    // Phase 6: constant deceleration.
+    const double a5 = s[4][kPhaseAcceleration];
+    s[5][kPhaseAcceleration] = a5;
+    s[5][kPhaseSpeed] = s[4][kPhaseSpeed] + a5 * tau[5];
+    s[5][kPhasePosition] = s[4][kPhasePosition] + s[4][kPhaseSpeed] * tau[5] + a5 * tau[5] * tau[5] / 2;
+    // Phase 7: jerk +j back to rest acceleration.
+    const double a6 = s[5][kPhaseAcceleration];
+    s[6][kPhaseAcceleration] = a6 + j * tau[6];
+    s[6][kPhaseSpeed] = s[5][kPhaseSpeed] + a6 * tau[6] + j * tau[6] * tau[6] / 2;
+    s[6][kPhasePosition] = s[5][kPhasePosition] + s[5][kPhaseSpeed] * tau[6] +
+                           a6 * tau[6] * tau[6] / 2 + j * tau[6] * tau[6] * tau[6] / 6;
+}
+
+void SpeedProfile::jerk_limit_profile() {
+    calculate_jerk_limit_profile_time();
+    calculate_flow_parameters();
+}
+
+void SpeedProfile::jerk_limit_profile_rounding() {
+    calculate_jerk_limit_profile_time();
+    time_rounding();
+    calculate_flow_parameters();
+}
+
+void SpeedProfile::recalculate_profile(double* times) {
+    for (int i = 0; i < 7; ++i) t_[i] = times[i];
+    ta_ = 2 * t_[0] + t_[1];
+    td_ = 2 * t_[4] + t_[5];
+    ttotal_ = ta_ + t_[3] + td_;
+    jerk_ = std::fabs(ttotal_) < 1e-5 ? 0.0 : recalculate_profile1(distance_, t_);
+    calculate_flow_parameters();
+}
+
+void SpeedProfile::calculate_current_speed(double t, double* out) {
+    const double j = jerk_;
+    const double* tau = t_;
+    const double(*s)[3] = phase_end_;
+    // Cumulative ends of phases 1..6 (s).
+    double c[6];
+    c[0] = tau[0];
+    for (int k = 1; k < 6; ++k) c[k] = c[k - 1] + tau[k];
+
+    // A time on a boundary (within the tolerance) belongs to the phase ending there.
+    auto ends_phase = [&](int k) {  // k = 0..5 for phases 1..6
+        const double begin = k == 0 ? 0.0 : c[k - 1];
+        return (begin < t && t < c[k]) || std::fabs(t - c[k]) < 1e-5;
+    };
+
+    double tp;
+    if ((0 < t && t < c[0]) || std::fabs(t) < 1e-5 || std::fabs(t - c[0]) < 1e-5) {
+        tp = t;
+        out[1] = vstart_ + j * tp * tp / 2;
+        out[0] = vstart_ * tp + j * tp * tp * tp / 6;
+    } else if (ends_phase(1)) {
+        tp = t - c[0];
+        out[1] = s[0][kPhaseSpeed] + s[0][kPhaseAcceleration] * tp;
+        out[0] = s[0][kPhasePosition] + s[0][kPhaseSpeed] * tp + s[0][kPhaseAcceleration] * tp * tp / 2;
+    } else if (ends_phase(2)) {
+        tp = t - c[1];
+        out[1] = s[1][kPhaseSpeed] + s[1][kPhaseAcceleration] * tp - j * tp * tp / 2;
+        out[0] = s[1][kPhasePosition] + s[1][kPhaseSpeed] * tp +
+                 s[1][kPhaseAcceleration] * tp * tp / 2 - j * tp * tp * tp / 6;
+    } else if (ends_phase(3)) {
+        tp = t - c[2];
+        out[1] = s[2][kPhaseSpeed];
+        out[0] = s[2][kPhasePosition] + s[2][kPhaseSpeed] * tp;
+    } else if (ends_phase(4)) {
+        tp = t - c[3];
+        out[1] = s[3][kPhaseSpeed] + s[3][kPhaseAcceleration] * tp - j * tp * tp / 2;
+        out[0] = s[3][kPhasePosition] + s[3][kPhaseSpeed] * tp +
+                 s[3][kPhaseAcceleration] * tp * tp / 2 - j * tp * tp * tp / 6;
+    } else if (ends_phase(5)) {
+        tp = t - c[4];
+        out[1] = s[4][kPhaseSpeed] + s[4][kPhaseAcceleration] * tp;
+        out[0] = s[4][kPhasePosition] + s[4][kPhaseSpeed] * tp + s[4][kPhaseAcceleration] * tp * tp / 2;
+    } else {
+        // Phase 7; also extrapolates times beyond the end.
+        tp = t - c[5];
+        out[1] = s[5][kPhaseSpeed] + s[5][kPhaseAcceleration] * tp + j * tp * tp / 2;
+        out[0] = s[5][kPhasePosition] + s[5][kPhaseSpeed] * tp +
+                 s[5][kPhaseAcceleration] * tp * tp / 2 + j * tp * tp * tp / 6;
+    }
+}
+
+void SpeedProfile::print_profile() {
+    std::cout << "profile vmax = " << phase_end_[2][kPhaseSpeed] * 180.0 / 3.1415926
+              << "  Command vmax = " << vmax_ * 180.0 / 3.1415926 << std::endl;
+}
