@@ -9,6 +9,12 @@
 
 namespace {
 
+// |u1 x u2| / (|u1| |u2|) (the sine of the start -> middle angle) at or below
+// which that cross product carries no usable direction: rounding noise of the
+// computed centre is about 1e-16 relative, so the plane it gave would be
+// tilted arbitrarily.
+constexpr double kAntiparallelRadii = 1e-10;
+
 // Central angle (rad, 0..pi) between two radii.
 double CentralAngle(double* u, double* w) {
     const double c = dot_product(u, w, 3) / (norm(u, 3) * norm(w, 3));
@@ -60,6 +66,12 @@ int CalculateCircularExpression(double* p1, double* p2, double* p3, double* cent
     // x towards the start point, normal along u1 x u2, y completing the frame.
     double w[3], v[3];
     cross_3d(u1, u2, w);
+    if (norm(w, 3) <= kAntiparallelRadii * norm(u1, 3) * norm(u2, 3)) {
+        // Middle point opposite the start: u1 x u2 is zero or rounding noise
+        // and would give no plane (or a random one). The middle and end radii
+        // span the same plane with the same turning sense.
+        cross_3d(u2, u3, w);
+    }
     cross_3d(w, u1, v);
     double x_axis[3] = {u1[0], u1[1], u1[2]};
     scaling(x_axis, 1.0 / norm(u1, 3), 3);

@@ -42,6 +42,16 @@ bool IsCommentLine(const char* line) {
     return strcmp(head, "//") == 0;
 }
 
+void StripCarriageReturn(std::string* text) {
+    if (!text->empty() && text->back() == '\r') text->pop_back();  // CRLF files
+}
+
+// A line whose keyword (the text up to the first space) is a move keyword.
+bool IsMoveLine(const std::string& text) {
+    const std::string keyword = text.substr(0, text.find(' '));
+    return keyword == "MOVJ" || keyword == "MOVL" || keyword == "MOVC";
+}
+
 }  // namespace
 
 int SpeedData::GetInstructionSpeedData(char* token) {
@@ -175,11 +185,15 @@ int DecodeInstructionFile(std::string file_name, std::list<InstructionUnit>* lis
     int instruction_count = 0;  // instructions accepted
     int line_count = 0;         // physical lines read, comments included
     std::string text;
+    // One scratch record for every line: a move line writes only the speed
+    // field it names (VJ= or V=), so the other one keeps the value of the
+    // last line that named it.
+    InstructionUnit scratch;
     // Strictly greater: at most kMaxInstructionNum + 1 instructions are
     // collected; the conversion into moves refuses a program that long.
     while (instruction_count <= kMaxInstructionNum && std::getline(file, text)) {
         ++line_count;
-        if (!text.empty() && text.back() == '\r') text.pop_back();  // CRLF files
+        StripCarriageReturn(&text);
         if (text.size() > static_cast<size_t>(kMaxInstructionLineLength)) {
             std::cout << "Line " << line_count << " is longer than " << kMaxInstructionLineLength
                       << " characters !" << std::endl;
@@ -189,7 +203,6 @@ int DecodeInstructionFile(std::string file_name, std::list<InstructionUnit>* lis
         memcpy(line, text.c_str(), text.size() + 1);
         if (IsCommentLine(line)) continue;
 
-        InstructionUnit scratch;
         if (scratch.DecodeInstruction(line) < 0) {
             // The number counts instructions, not physical lines.
             std::cout << "Line " << instruction_count + 1 << "Format error !" << std::endl;
@@ -198,6 +211,20 @@ int DecodeInstructionFile(std::string file_name, std::list<InstructionUnit>* lis
         ++instruction_count;
         scratch.line_number = line_count;
         list->push_back(scratch);
+    }
+    // Lines past the collected instructions are not decoded. TIMER and DOUT
+    // lines take no time and set nothing, so leaving them out changes no
+    // motion; a move left out would silently cut the program short.
+    if (instruction_count > kMaxInstructionNum) {
+        while (std::getline(file, text)) {
+            ++line_count;
+            StripCarriageReturn(&text);
+            if (IsMoveLine(text)) {
+                std::cout << "Line " << line_count << " exceeds the limit of " << kMaxInstructionNum + 1
+                          << " instructions !" << std::endl;
+                return -1;
+            }
+        }
     }
     if (instruction_count == 0) {
         std::cout << "Error : " << file_name << " is an empty file." << std::endl;

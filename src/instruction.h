@@ -108,7 +108,10 @@ struct InstructionUnit {
 int GetLineArray(const char* text, double* values, int max);
 
 // Decodes a whole program file and appends its instructions to `list` in file
-// order. 0, or -1 with a message on standard output.
+// order, at most kMaxInstructionNum + 1 of them; later TIMER and DOUT lines
+// are left out, a later move line refuses the file. One scratch record serves
+// every line, so a move line's unnamed speed field keeps the value of the
+// last line that named it. 0, or -1 with a message on standard output.
 int DecodeInstructionFile(std::string file_name, std::list<InstructionUnit>* list);
 
 #endif  // TQL_INSTRUCTION_H

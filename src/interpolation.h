@@ -138,7 +138,8 @@ int MoveLinearPath(Robot* robot, double* start_joints, double* end_joints, AccDe
 // Circle through the positions (first three values) of p1, p2, p3: centre
 // (mm), radius (mm), frame (see CircularPath::frame_) and the two sector
 // angles (rad). 0, or -1 when the points do not define a circle (outputs
-// untouched).
+// untouched). A middle point opposite the start takes the circle's plane and
+// turning sense from the middle and end radii.
 int CalculateCircularExpression(double* p1, double* p2, double* p3, double* centre,
                                 double* radius, double frame[3][3], double* sector_angles);
 int MoveCircularPreprocess(Robot* robot, double* start_joints, double* mid_joints,
@@ -149,11 +150,12 @@ int MoveCircularPath(Robot* robot, double* start_joints, double* mid_joints, dou
 
 // ---- jogging (current robot, a quarter of the speed limits)
 
-// Turns joint `joint` (0..n-1) by `step` degrees. -1 for a bad index.
+// Turns joint `joint` (0..n-1) by `step` degrees. -1 for a bad index or a
+// step that is not a finite number.
 int JogInJointCoordinateSystem(int joint, double step);
 // axis 0..2: along base x, y, z by `step` mm; 3..5: about base x, y, z by
-// `step` degrees, keeping the flange position. -1 for a bad axis, an
-// unreachable target or a kinematics failure.
+// `step` degrees, keeping the flange position. -1 for a bad axis, a step that
+// is not a finite number, an unreachable target or a kinematics failure.
 int JogInCartesianCoordinateSystem(int axis, double step);
 
 // Program move table runners (declared beside the segments they stream).

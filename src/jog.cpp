@@ -1,6 +1,9 @@
 // Jogging: one fixed step of one joint, or of the flange along / about one
 // axis of the base frame, as a complete rest-to-rest move at a quarter of the
 // speed limits.
+#include <cmath>
+#include <iostream>
+
 #include "execute.h"
 #include "interpolation.h"
 #include "math_fun.h"
@@ -10,12 +13,21 @@ namespace {
 // Share of the speed limits used by a jog.
 constexpr double kJogSpeedFactor = 0.25;
 
+// A step from a host must be a number; anything else is refused before the
+// arm is read or moved.
+bool StepUsable(double step) {
+    if (std::isfinite(step)) return true;
+    std::cout << "Jog step " << step << " is not a finite number" << std::endl;
+    return false;
+}
+
 }  // namespace
 
 int JogInJointCoordinateSystem(int joint, double step) {
     Robot* robot = GetCurrentRobot();
     const int n = robot->GetRobotJointNum();
     if (joint < 0 || joint > n - 1 || n > kMaxJointNum) return -1;
+    if (!StepUsable(step)) return -1;
 
     double current[kMaxJointNum];
     AccDecDate limits[kMaxJointNum];
@@ -34,6 +46,7 @@ int JogInCartesianCoordinateSystem(int axis, double step) {
     const int n = robot->GetRobotJointNum();
     // The joint count bounds the axis; six joints admit exactly the six axes.
     if (axis < 0 || axis > n - 1 || n > kMaxJointNum) return -1;
+    if (!StepUsable(step)) return -1;
 
     double current[kMaxJointNum];
     robot->GetCurrentMachineJoint(current);

@@ -228,4 +228,17 @@ TEST(Mode4, ThousandMoveProgramRunsAndOneMoreIsRefused) {
     EXPECT_EQ(over.run.exit_code, 255);
     EXPECT_NE(over.run.out.find("Line 1002 exceeds the limit of 1000 moves !\n"), std::string::npos);
     EXPECT_EQ(over.setpoints, 0);
+
+    // A thousand moves, one DOUT, then more moves: the decoder holds 1001
+    // instructions, so the later moves would be cut off; refused instead.
+    std::ostringstream cut;
+    cut << "// a thousand short moves\n";
+    for (int i = 0; i < 1000; ++i)
+        cut << (i % 2 ? "MOVJ VJ=100 z5 2,22,62,12,-88,2\n" : "MOVJ VJ=100 z5 0,20,60,10,-90,0\n");
+    cut << "DOUT 1 ON\nMOVJ VJ=100 z5 0,0,0,0,0,0\n";
+    Recorded dropped = RunProgram(cut.str(), "1\nCYCLE\nYES\n");
+    EXPECT_EQ(dropped.run.exit_code, 255);
+    EXPECT_NE(dropped.run.out.find("Line 1003 exceeds the limit of 1001 instructions !\n"), std::string::npos);
+    EXPECT_EQ(dropped.run.out.find("Input speed override"), std::string::npos);
+    EXPECT_EQ(dropped.setpoints, 0);
 }

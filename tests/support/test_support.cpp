@@ -6,6 +6,8 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <gtest/gtest.h>
+
 #include <chrono>
 #include <cstdlib>
 #include <cstring>
@@ -14,6 +16,10 @@
 #include <sstream>
 #include <stdexcept>
 #include <thread>
+
+#include "execute.h"
+#include "sim_control.h"
+#include "timing.h"
 
 namespace fs = std::filesystem;
 
@@ -40,6 +46,26 @@ ScratchDir::~ScratchDir() {
     std::error_code ec;
     if (entered_) fs::current_path(previous_cwd_, ec);
     fs::remove_all(path_, ec);
+}
+
+int BootSimulatedArm(void (*sleep)(double), std::string* out) {
+    setenv("TQL_SIM_CLOCK", "virtual", 1);
+    unsetenv("TQL_SIM_RECORD");
+    unsetenv("TQL_SIM_FAULT");
+    unsetenv("TQL_SIM_ACTUATORS");
+    tql_sim_reset();
+    tql::SetSleepFunction(sleep ? sleep : &tql_sim_sleep);
+    tql::SetClockFunction(&tql_sim_now);
+    testing::internal::CaptureStdout();
+    const int booted = Boot();
+    const std::string printed = testing::internal::GetCapturedStdout();
+    if (out) *out = printed;
+    return booted;
+}
+
+void RestoreRealTime() {
+    tql::SetSleepFunction(nullptr);
+    tql::SetClockFunction(nullptr);
 }
 
 std::string ReadFile(const std::string& path) {

@@ -45,6 +45,15 @@ HostRun RunHost(const std::string& dir, const std::vector<std::string>& args,
                 const std::string& stdin_text = "", const EnvList& env = {},
                 double timeout_s = 120.0);
 
+// In-process runs on the simulated arm: starts the bus afresh in the current
+// (scratch) directory on the virtual clock, with no recording or faults from
+// the environment, installs `sleep` (tql_sim_sleep when null) and the bus clock
+// as the library's timing seam, and boots the robot with standard output
+// captured into *out. Returns Boot's result.
+int BootSimulatedArm(void (*sleep)(double) = nullptr, std::string* out = nullptr);
+// Gives the library back its real sleep and clock.
+void RestoreRealTime();
+
 std::string ReadFile(const std::string& path);
 void WriteFile(const std::string& path, const std::string& text);
 // Runs one SQL statement list on a database file; returns false on error.

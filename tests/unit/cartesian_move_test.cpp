@@ -438,6 +438,69 @@ TEST(CircularSegment, RandomCirclesInSpace) {
     }
 }
 
+// A middle point diametrically opposite the start: the start and middle radii
+// alone give no plane, the arc must still run start -> middle -> end in the
+// circle's own plane.
+TEST(CircularSegment, MiddleOppositeTheStart) {
+    const double pi = 3.14159265358979;
+    // Exact points, both turning senses.
+    for (double end_y : {-100.0, 100.0}) {
+        double p1[7] = {100, 0, 0, 1, 0, 0, 0};
+        double p2[7] = {-100, 0, 0, 1, 0, 0, 0};
+        double p3[7] = {0, end_y, 0, 1, 0, 0, 0};
+        CircularPath path;
+        path.SetParameters(p1, p2, p3, 100, 1000, 1000, 5000, 1.0, 2.0, 2.0, 10.0);
+        path.InterpolationPreprocess();
+        EXPECT_NEAR(path.arc_angle_, 1.5 * pi, 1e-9) << end_y;
+        for (int j = 0; j < 3; ++j) EXPECT_NEAR(path.frame_[j][2], j == 2 ? -end_y / 100 : 0.0, 1e-12);
+        double pose[7];
+        for (int k = 0; k <= 60; ++k) {
+            path.Interpolation(path.tall_ * k / 60, pose);
+            ASSERT_TRUE(std::isfinite(pose[0]) && std::isfinite(pose[1]) && std::isfinite(pose[2]));
+            EXPECT_NEAR(std::hypot(pose[0], pose[1]), 100.0, 1e-9);
+            EXPECT_EQ(pose[2], 0.0);
+            // start -> middle -> end never enters the quarter between the end
+            // and the start.
+            EXPECT_FALSE(pose[0] > 1e-6 && pose[1] * end_y > 1e-6) << k;
+        }
+        path.Interpolation(path.tall_, pose);
+        EXPECT_LT(Distance3(pose, p3), 1e-9);
+    }
+    // Points in a random plane: the computed centre carries rounding noise, so
+    // the start and middle radii are antiparallel only to rounding error.
+    std::mt19937 rng(17);
+    std::uniform_real_distribution<double> u(-1.0, 1.0);
+    for (int trial = 0; trial < 200; ++trial) {
+        const KDL::Rotation rot = KDL::Rotation::RPY(3 * u(rng), 1.5 * u(rng), 3 * u(rng));
+        const KDL::Vector c(300 * u(rng), 300 * u(rng), 300 * u(rng));
+        const double r = 20 + 200 * (u(rng) + 1);
+        const double a2 = 0.2 + 1.2 * (u(rng) + 1);  // middle -> end
+        auto point = [&](double phi, double* out) {
+            const KDL::Vector p = c + rot * KDL::Vector(r * std::cos(phi), r * std::sin(phi), 0);
+            for (int i = 0; i < 3; ++i) out[i] = p(i);
+        };
+        double p1[7] = {0, 0, 0, 1, 0, 0, 0}, p2[7] = {0, 0, 0, 1, 0, 0, 0}, p3[7] = {0, 0, 0, 1, 0, 0, 0};
+        point(0, p1);
+        point(pi, p2);
+        point(pi + a2, p3);
+        CircularPath path;
+        path.SetParameters(p1, p2, p3, 100, 1000, 1000, 5000, 1.0, 2.0, 2.0, 10.0);
+        path.InterpolationPreprocess();
+        // The circle's own normal (the sense start -> middle -> end).
+        for (int j = 0; j < 3; ++j) EXPECT_NEAR(path.frame_[j][2], rot(j, 2), 1e-6) << trial;
+        double pose[7];
+        double worst = 0.0;
+        for (int k = 0; k <= 40; ++k) {
+            path.Interpolation(path.tall_ * k / 40, pose);
+            const KDL::Vector local = rot.Inverse() * (KDL::Vector(pose[0], pose[1], pose[2]) - c);
+            worst = std::max(worst, std::fabs(local.z()));  // out of the circle's plane
+        }
+        EXPECT_LT(worst, 1e-6 * r) << trial;
+        path.Interpolation(path.tall_, pose);
+        EXPECT_LT(Distance3(pose, p3), 1e-6 * r) << trial;
+    }
+}
+
 TEST(CircularSegment, CollinearPointsAreReportedAndLeaveAZeroCircle) {
     double p1[7] = {0, 0, 0, 1, 0, 0, 0};
     double p2[7] = {10, 10, 10, 1, 0, 0, 0};
@@ -613,6 +676,11 @@ TEST_F(CartesianMoves, CartesianJog) {
     const long before = tql_sim_setpoint_count(1);
     EXPECT_EQ(Quiet([] { return JogInCartesianCoordinateSystem(-1, 10.0); }), -1);
     EXPECT_EQ(Quiet([] { return JogInCartesianCoordinateSystem(kJoints, 10.0); }), -1);
+    for (double bad : {std::nan(""), HUGE_VAL}) {
+        std::string out;
+        EXPECT_EQ(Quiet([&] { return JogInCartesianCoordinateSystem(4, bad); }, &out), -1);
+        EXPECT_NE(out.find("is not a finite number"), std::string::npos) << out;
+    }
     EXPECT_EQ(tql_sim_setpoint_count(1), before);
     // A zero step stays put (the kinematics round trip may leave a move of a
     // few micrometres).

@@ -246,6 +246,29 @@ TEST(DecodeInstructionFile, ExampleProgramKeepsOrderAndPhysicalLineNumbers) {
     EXPECT_DOUBLE_EQ(it->data.move_data.position[11], 0.0);
 }
 
+TEST(DecodeInstructionFile, UnnamedSpeedKeepsTheValueOfTheLastLineThatNamedIt) {
+    Decoded d = DecodeText(
+        "MOVL VJ=40 z5 1,2,3,4,5,6\n"   // nothing named V= yet: 0
+        "MOVJ VJ=50 z5 0,0,90,0,90,0\n"
+        "MOVL V=200 z5 10,5,80,0,95,0\n"
+        "TIMER T=10\n"
+        "MOVJ V=80 z5 0,0,90,0,90,0\n"    // joint ratio still 0.5
+        "MOVL VJ=30 z5 10,5,80,0,95,0\n"  // line speed from the last V=: 80
+        "MOVJ V=90 z5 0,0,90,0,90,0\n");
+    ASSERT_EQ(d.result, 0) << d.out;
+    const double line_speed[] = {0.0, 0.0, 200.0, 200.0, 80.0, 80.0, 90.0};
+    const double ratio[] = {0.4, 0.5, 0.5, 0.5, 0.5, 0.3, 0.3};
+    ASSERT_EQ(d.list.size(), 7u);
+    int i = 0;
+    for (const InstructionUnit& u : d.list) {
+        if (u.kind == kMoveInstruction) {
+            EXPECT_DOUBLE_EQ(u.data.move_data.speed.line_speed, line_speed[i]) << i;
+            EXPECT_DOUBLE_EQ(u.data.move_data.speed.joint_speed_ratio, ratio[i]) << i;
+        }
+        ++i;
+    }
+}
+
 TEST(DecodeInstructionFile, FailuresPrintExactMessages) {
     {
         std::list<InstructionUnit> list;
@@ -328,4 +351,23 @@ TEST(DecodeInstructionFile, CollectsAtMost1001Instructions) {
     Decoded more = DecodeText(text + "TIMER T=1\nnot an instruction\n");
     EXPECT_EQ(more.result, 0);
     EXPECT_EQ(more.list.size(), 1001u);
+
+    // A move past the collected instructions would be cut off: refused,
+    // wherever it stands after them.
+    struct Tail {
+        const char* text;
+        const char* message;
+    } tails[] = {
+        {"MOVJ VJ=100 z5 0,0,0,0,0,0\n", "Line 1003 exceeds the limit of 1001 instructions !\n"},
+        {"DOUT 1\n// end\r\nMOVL V=9 z0 bad\r\n", "Line 1005 exceeds the limit of 1001 instructions !\n"},
+    };
+    for (const Tail& tail : tails) {
+        Decoded cut = DecodeText(text + tail.text);
+        EXPECT_EQ(cut.result, -1) << tail.text;
+        EXPECT_EQ(cut.out, tail.message);
+    }
+    // Comments and non-move lines after the limit leave the result alone.
+    Decoded quiet = DecodeText(text + "// MOVJ VJ=100 z5 0,0,0,0,0,0\nDOUT MOVJ\nTIMER T=5\n");
+    EXPECT_EQ(quiet.result, 0) << quiet.out;
+    EXPECT_EQ(quiet.out, "");
 }

@@ -327,6 +327,11 @@ TEST_F(JointMoves, JointJog) {
     EXPECT_EQ(Quiet([] { return JogInJointCoordinateSystem(-1, 5.0); }), -1);
     EXPECT_EQ(Quiet([] { return JogInJointCoordinateSystem(kJoints, 5.0); }), -1);
     EXPECT_EQ(Quiet([] { return JogInJointCoordinateSystem(2, 0.0); }), 0);
+    for (double bad : {std::nan(""), HUGE_VAL, -HUGE_VAL}) {
+        std::string out;
+        EXPECT_EQ(Quiet([&] { return JogInJointCoordinateSystem(2, bad); }, &out), -1);
+        EXPECT_NE(out.find("is not a finite number"), std::string::npos) << out;
+    }
     EXPECT_EQ(tql_sim_setpoint_count(1), before);
     EXPECT_TRUE(spy.sent.empty());
 
