@@ -112,23 +112,12 @@ void CircularPath::InterpolationPreprocess() {
     arc_length_ = arc_angle_ * radius_;
     angle_ = CalculateOrientation(start_pose_ + 3, end_pose_ + 3);
 
-    linear_profile_.set_parameters(arc_length_, linear_limits_[0], 0, 0, linear_limits_[1],
-                                   linear_limits_[2], linear_limits_[3]);
-    linear_profile_.calculate_jerk_limit_profile_time();
-    linear_profile_.time_rounding();
-    rotation_profile_.set_parameters(angle_, rotation_limits_[0], 0, 0, rotation_limits_[1],
-                                     rotation_limits_[2], rotation_limits_[3]);
-    rotation_profile_.calculate_jerk_limit_profile_time();
-    rotation_profile_.time_rounding();
-
-    // The slower profile governs; on equal times the rotation does.
-    SpeedProfile& governing =
-        linear_profile_.ttotal_ <= rotation_profile_.ttotal_ ? rotation_profile_ : linear_profile_;
-    rotation_governs_ = &governing == &rotation_profile_ ? 1 : 0;
-    tall_ = governing.ttotal_;
-    ta_ = governing.ta_;
-    td_ = governing.td_;
-    governing.calculate_flow_parameters();
+    const SpeedProfile* governing = PlanCartesianProfiles(arc_length_, linear_limits_, angle_, rotation_limits_,
+                                                          &linear_profile_, &rotation_profile_);
+    rotation_governs_ = governing == &rotation_profile_ ? 1 : 0;
+    tall_ = governing->ttotal_;
+    ta_ = governing->ta_;
+    td_ = governing->td_;
 }
 
 void CircularPath::Interpolation(double t, double* pose) {

@@ -214,28 +214,32 @@ void LinearPath::SetParameters(double* start, double* end, double vlin, double a
     rotation_limits_[3] = jrot;
 }
 
+SpeedProfile* PlanCartesianProfiles(double length, const double* linear_limits, double angle,
+                                    const double* rotation_limits, SpeedProfile* linear,
+                                    SpeedProfile* rotation) {
+    linear->set_parameters(length, linear_limits[0], 0, 0, linear_limits[1], linear_limits[2], linear_limits[3]);
+    linear->calculate_jerk_limit_profile_time();
+    linear->time_rounding();
+    rotation->set_parameters(angle, rotation_limits[0], 0, 0, rotation_limits[1], rotation_limits[2],
+                             rotation_limits[3]);
+    rotation->calculate_jerk_limit_profile_time();
+    rotation->time_rounding();
+    SpeedProfile* governing = linear->ttotal_ <= rotation->ttotal_ ? rotation : linear;
+    governing->calculate_flow_parameters();
+    return governing;
+}
+
 void LinearPath::InterpolationPreprocess() {
     sub_vector(start_pose_, end_pose_, direction_, 3);
     length_ = norm(direction_, 3);
     angle_ = CalculateOrientation(start_pose_ + 3, end_pose_ + 3);
 
-    linear_profile_.set_parameters(length_, linear_limits_[0], 0, 0, linear_limits_[1],
-                                   linear_limits_[2], linear_limits_[3]);
-    linear_profile_.calculate_jerk_limit_profile_time();
-    linear_profile_.time_rounding();
-    rotation_profile_.set_parameters(angle_, rotation_limits_[0], 0, 0, rotation_limits_[1],
-                                     rotation_limits_[2], rotation_limits_[3]);
-    rotation_profile_.calculate_jerk_limit_profile_time();
-    rotation_profile_.time_rounding();
-
-    // The slower profile governs; on equal times the rotation does.
-    SpeedProfile& governing =
-        linear_profile_.ttotal_ <= rotation_profile_.ttotal_ ? rotation_profile_ : linear_profile_;
-    rotation_governs_ = &governing == &rotation_profile_ ? 1 : 0;
-    tall_ = governing.ttotal_;
-    ta_ = governing.ta_;
-    td_ = governing.td_;
-    governing.calculate_flow_parameters();
+    const SpeedProfile* governing = PlanCartesianProfiles(length_, linear_limits_, angle_, rotation_limits_,
+                                                          &linear_profile_, &rotation_profile_);
+    rotation_governs_ = governing == &rotation_profile_ ? 1 : 0;
+    tall_ = governing->ttotal_;
+    ta_ = governing->ta_;
+    td_ = governing->td_;
 }
 
 void LinearPath::Interpolation(double t, double* pose) {

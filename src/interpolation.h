@@ -119,6 +119,14 @@ int MoveToStablePosition();
 // Angle (rad) between unit quaternions q0 and q1 (four values each, w first);
 // negates q1 in place when that gives the shorter arc.
 double CalculateOrientation(double* q0, double* q1);
+// Times a Cartesian segment: plans the translation profile over `length` and
+// the rotation profile over `angle` from rest to rest, each rounded to whole
+// periods, and fills the end-of-phase states of the slower one, which governs
+// both (on equal times the rotation). Limits are speed, acceleration,
+// deceleration, jerk. Returns the governing profile.
+SpeedProfile* PlanCartesianProfiles(double length, const double* linear_limits, double angle,
+                                    const double* rotation_limits, SpeedProfile* linear,
+                                    SpeedProfile* rotation);
 // Spherical linear interpolation at fraction s of `angle` (from
 // CalculateOrientation); out is not re-normalised.
 void OrientationInterpolation(double* q0, double* q1, double* out, double s, double angle);

@@ -18,6 +18,7 @@
 #include <thread>
 
 #include "execute.h"
+#include "instruction.h"
 #include "sim_control.h"
 #include "timing.h"
 
@@ -61,6 +62,20 @@ int BootSimulatedArm(void (*sleep)(double), std::string* out) {
     const std::string printed = testing::internal::GetCapturedStdout();
     if (out) *out = printed;
     return booted;
+}
+
+std::list<InstructionUnit> DecodeLines(const std::vector<std::string>& lines) {
+    std::list<InstructionUnit> list;
+    int n = 0;
+    for (const std::string& text : lines) {
+        std::vector<char> buf(text.begin(), text.end());
+        buf.push_back('\0');
+        InstructionUnit u;
+        EXPECT_EQ(u.DecodeInstruction(buf.data()), 0) << text;
+        u.line_number = ++n;
+        list.push_back(u);
+    }
+    return list;
 }
 
 void RestoreRealTime() {

@@ -3,6 +3,7 @@
 #ifndef TQL_TEST_SUPPORT_H
 #define TQL_TEST_SUPPORT_H
 
+#include <list>
 #include <string>
 #include <utility>
 #include <vector>
@@ -53,6 +54,16 @@ HostRun RunHost(const std::string& dir, const std::vector<std::string>& args,
 int BootSimulatedArm(void (*sleep)(double) = nullptr, std::string* out = nullptr);
 // Gives the library back its real sleep and clock.
 void RestoreRealTime();
+
+}  // namespace tqltest
+
+struct InstructionUnit;
+
+namespace tqltest {
+
+// Decodes program lines given in memory (no file) into instruction records,
+// line numbers from 1; each line must decode.
+std::list<InstructionUnit> DecodeLines(const std::vector<std::string>& lines);
 
 std::string ReadFile(const std::string& path);
 void WriteFile(const std::string& path, const std::string& text);

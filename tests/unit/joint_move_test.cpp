@@ -53,18 +53,10 @@ void SpySleep(double seconds) {
 class JointMoves : public ::testing::Test {
 protected:
     void SetUp() override {
-        setenv("TQL_SIM_CLOCK", "virtual", 1);
-        unsetenv("TQL_SIM_RECORD");
-        unsetenv("TQL_SIM_FAULT");
         dir_ = std::make_unique<tqltest::ScratchDir>();
-        tql_sim_reset();
         spy = Spy();
-        tql::SetSleepFunction(&SpySleep);
-        tql::SetClockFunction(&tql_sim_now);
-        testing::internal::CaptureStdout();
-        const int booted = Boot();
-        const std::string out = testing::internal::GetCapturedStdout();
-        ASSERT_EQ(booted, 0) << out;
+        std::string out;
+        ASSERT_EQ(tqltest::BootSimulatedArm(&SpySleep, &out), 0) << out;
         robot_ = GetCurrentRobot();
         ASSERT_EQ(robot_->GetRobotJointNum(), kJoints);
         robot_->GetJointSpeedAccDecParameters(limits_);
@@ -74,8 +66,7 @@ protected:
     void TearDown() override {
         // No set-point of any test went beyond an actuator's limits.
         EXPECT_EQ(tql_sim_beyond_limit_count(), 0);
-        tql::SetSleepFunction(nullptr);
-        tql::SetClockFunction(nullptr);
+        tqltest::RestoreRealTime();
         dir_.reset();
     }
 

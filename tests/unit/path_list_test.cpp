@@ -64,36 +64,13 @@ void SpySleep(double seconds) {
     tql_sim_sleep(seconds);
 }
 
-std::list<InstructionUnit> Units(const std::vector<std::string>& lines) {
-    std::list<InstructionUnit> list;
-    int n = 0;
-    for (const std::string& text : lines) {
-        ++n;
-        std::vector<char> buf(text.begin(), text.end());
-        buf.push_back('\0');
-        InstructionUnit u;
-        EXPECT_EQ(u.DecodeInstruction(buf.data()), 0) << text;
-        u.line_number = n;
-        list.push_back(u);
-    }
-    return list;
-}
-
 class Runners : public ::testing::Test {
 protected:
     void SetUp() override {
-        setenv("TQL_SIM_CLOCK", "virtual", 1);
-        unsetenv("TQL_SIM_RECORD");
-        unsetenv("TQL_SIM_FAULT");
         dir_ = std::make_unique<tqltest::ScratchDir>();
-        tql_sim_reset();
         spy = Spy();
-        tql::SetSleepFunction(&SpySleep);
-        tql::SetClockFunction(&tql_sim_now);
-        testing::internal::CaptureStdout();
-        const int booted = Boot();
-        const std::string out = testing::internal::GetCapturedStdout();
-        ASSERT_EQ(booted, 0) << out;
+        std::string out;
+        ASSERT_EQ(tqltest::BootSimulatedArm(&SpySleep, &out), 0) << out;
         robot_ = GetCurrentRobot();
         ASSERT_EQ(robot_->GetRobotJointNum(), kJoints);
         SetReplayOverride(1.0);
@@ -102,8 +79,7 @@ protected:
     }
 
     void TearDown() override {
-        tql::SetSleepFunction(nullptr);
-        tql::SetClockFunction(nullptr);
+        tqltest::RestoreRealTime();
         SetOperationCycleMode(CYCLE);
         SetSmoothReplay(false);
         SetReplayOverride(1.0);
@@ -113,7 +89,7 @@ protected:
 
     // Converts the lines into the table from the arm's present joints.
     int Load(const std::vector<std::string>& lines) {
-        std::list<InstructionUnit> list = Units(lines);
+        std::list<InstructionUnit> list = tqltest::DecodeLines(lines);
         double current[kMaxJointNum] = {};
         robot_->GetCurrentMachineJoint(current);
         int count = 0;

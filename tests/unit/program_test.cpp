@@ -13,6 +13,7 @@
 #include "execute.h"
 #include "instruction.h"
 #include "program.h"
+#include "test_support.h"
 #include "timing.h"
 
 namespace {
@@ -31,22 +32,6 @@ void FillRobot(Robot* r, int joints = 6) {
     r->rotate_speed_data_.SetParameter(90 * kDeg, 360 * kDeg, 1800 * kDeg);
 }
 
-// Decodes lines given in memory (no file) into a list, line numbers from 1.
-std::list<InstructionUnit> Units(const std::vector<std::string>& lines) {
-    std::list<InstructionUnit> list;
-    int n = 0;
-    for (const std::string& text : lines) {
-        ++n;
-        std::vector<char> buf(text.begin(), text.end());
-        buf.push_back('\0');
-        InstructionUnit u;
-        EXPECT_EQ(u.DecodeInstruction(buf.data()), 0) << text;
-        u.line_number = n;
-        list.push_back(u);
-    }
-    return list;
-}
-
 struct Converted {
     int result = 0;
     int count = -7;
@@ -55,7 +40,7 @@ struct Converted {
 };
 
 Converted Convert(const std::vector<std::string>& lines, Robot* robot, double* current) {
-    std::list<InstructionUnit> list = Units(lines);
+    std::list<InstructionUnit> list = tqltest::DecodeLines(lines);
     Converted c;
     testing::internal::CaptureStdout();
     c.result = InstructionDataToMoveData(&list, c.table.get(), current, robot, &c.count);
