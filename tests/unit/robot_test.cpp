@@ -18,24 +18,18 @@ constexpr double kTwoPi = 6.2831852;  // the system's 2*pi at the actuator bound
 class RobotOnBus : public testing::Test {
 protected:
     void SetUp() override {
+        tql_sim_reset();
         tql::SetSleepFunction(&tql_sim_sleep);
         tql::SetClockFunction(&tql_sim_now);
-        tql_sim_reset();
         controller_ = ActuatorController::initController();
     }
-    void TearDown() override {
-        tql::SetSleepFunction(nullptr);
-        tql::SetClockFunction(nullptr);
-    }
+    void TearDown() override { tqltest::RestoreRealTime(); }
 
     // Boots the process's robot from the scratch database; returns Boot's result.
     int BootRobot(std::string* out = nullptr) {
-        testing::internal::CaptureStdout();
         testing::internal::CaptureStderr();
-        const int r = Boot();
-        const std::string text = testing::internal::GetCapturedStdout();
+        const int r = tqltest::BootSimulatedArm(nullptr, out);
         testing::internal::GetCapturedStderr();
-        if (out) *out = text;
         return r;
     }
 
@@ -162,15 +156,24 @@ TEST_F(RobotOnBus, RefusedStepSendsNothingFurther) {
 }
 
 TEST_F(RobotOnBus, BringUpFailures) {
+    // Boots on the bus as the fault left it (no reset in between).
+    auto boot = [](std::string* out) {
+        testing::internal::CaptureStdout();
+        testing::internal::CaptureStderr();
+        const int r = Boot();
+        *out = testing::internal::GetCapturedStdout();
+        testing::internal::GetCapturedStderr();
+        return r;
+    };
     tql_sim_set_enable_failure(1);
     std::string out;
-    EXPECT_EQ(BootRobot(&out), -1);
+    EXPECT_EQ(boot(&out), -1);
     EXPECT_NE(out.find("Enable ... \nEnable failure.\n"), std::string::npos) << out;
     EXPECT_EQ(out.find("Enable robot successfully."), std::string::npos);
 
     tql_sim_reset();
     tql_sim_set_no_actuators(1);
-    EXPECT_EQ(BootRobot(&out), -1);
+    EXPECT_EQ(boot(&out), -1);
     EXPECT_NE(out.find("ID error,Current id size = 00-1: ID error,Current id size = 0.\n"), std::string::npos);
     EXPECT_FALSE(GetSystemStatus());
     std::string description;
