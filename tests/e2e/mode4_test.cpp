@@ -1,7 +1,6 @@
 // "tql mode4" on the simulated arm: a program file decoded, converted and run
 // with the operator's override and cycle mode, checked through the flight
 // recorder.
-#include <fcntl.h>
 #include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -11,195 +10,138 @@
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
-#include <sstream>
 #include <string>
 #include <thread>
-#include <vector>
 
 #include "test_support.h"
 
-using tqltest::CountOf;
-using tqltest::HostRun;
 using tqltest::ReadFile;
-using tqltest::RunHost;
-using tqltest::ScratchDir;
-using tqltest::WriteFile;
 
 namespace {
 
 struct Recorded {
-    HostRun run;
-    long setpoints = 0;         // setPosition rows of the recording
-    long summary_commands = -1;  // from "sim: C commands, V beyond limits"
-    long summary_beyond = -1;
+    tqltest::HostRun run;
+    long setpoints = 0;  // setPosition rows of the recording
+    long beyond = -1;    // from the exit summary "sim: C commands, V beyond limits"
 };
 
-long SetPositionRows(const std::string& csv) {
-    return CountOf(ReadFile(csv), ",setPosition,");
-}
-
-// Runs "tql mode4" with the given program (empty: the demo's own) and answers.
+// Runs "tql mode4" on `program` (empty: the demo's own) with the answers.
 Recorded RunProgram(const std::string& program, const std::string& answers) {
-    ScratchDir dir(false);
-    if (!program.empty()) WriteFile(dir.File("file/data.txt"), program);
-    const std::string csv = dir.File("record.csv");
+    tqltest::ScratchDir dir(false);
+    if (!program.empty()) tqltest::WriteFile(dir.File("file/data.txt"), program);
     Recorded r;
-    r.run = RunHost(dir.path(), {"mode4"}, answers, {{"TQL_SIM_RECORD", csv}});
-    r.setpoints = SetPositionRows(csv);
-    // "sim: C commands, V beyond limits" on standard error.
+    r.run = tqltest::RunHost(dir.path(), {"mode4"}, answers, {{"TQL_SIM_RECORD", dir.File("record.csv")}});
+    r.setpoints = tqltest::CountOf(ReadFile(dir.File("record.csv")), ",setPosition,");
     const size_t at = r.run.err.find("sim: ");
-    if (at != std::string::npos) {
-        long c = -1;
-        long v = -1;
-        char tail[32] = {0};
-        if (sscanf(r.run.err.c_str() + at, "sim: %ld commands, %ld beyond limit%31s", &c, &v, tail) == 3 &&
-            std::string(tail) == "s") {
-            r.summary_commands = c;
-            r.summary_beyond = v;
-        }
-    }
+    if (at != std::string::npos) sscanf(&r.run.err[at], "sim: %*d commands, %ld beyond limits", &r.beyond);
     return r;
 }
 
 // Messages of a refused set-point or an unreachable pose.
 void ExpectNoRefusal(const std::string& out) {
-    for (const char* text : {"beyond", "NAN", "singular", "Singular", "ik error", "error :", "failed"})
+    for (const char* text : {"beyond", "NAN", "ingular", "ik error", "error :", "failed"})
         EXPECT_EQ(out.find(text), std::string::npos) << text << "\n" << out;
 }
 
-const char kPrompts[] =
-    "Input speed override 0.1-1 : Input operation cycle : STEP\u3001CYCLE and CONTINUOUS\n"
-    "Is smooth (YES/NO) ";
+std::string ShortMoves(int n) {
+    std::string program = "// short moves\n";
+    for (int i = 0; i < n; ++i)
+        program += i % 2 ? "MOVJ VJ=100 z5 2,22,62,12,-88,2\n" : "MOVJ VJ=100 z5 0,20,60,10,-90,0\n";
+    return program;
+}
+
+const std::string kOverridePrompt = "Input speed override 0.1-1 : ";
+const std::string kCyclePrompt = "Input operation cycle : STEP\u3001CYCLE and CONTINUOUS\n";
 
 }  // namespace
 
-TEST(Mode4, BadProgramPrintsItsMessagesAndMovesNothing) {
-    struct Case {
-        std::string program;
-        std::string printed;
+// A bad program line, too many moves, an override outside 0.1..1 or an
+// unknown cycle mode: the exact messages, exit 255, nothing moves.
+TEST(Mode4, RefusalsPrintTheirMessagesAndMoveNothing) {
+    const std::string invalid = "The value of speed override is invalid(0.1-1).\n";
+    const struct {
+        std::string program, answers, printed;
     } cases[] = {
-        {"// pick\nMOVJ VJ=100 z5 0,20,60,10,-90,0\nMOVL V=200 z7 0,25,75,-10,-90,0\n",
+        {"// pick\nMOVJ VJ=100 z5 0,20,60,10,-90,0\nMOVL V=200 z7 0,25,75,-10,-90,0\n", "1\nCYCLE\nNO\n",
          "Zone format error !\nLine 2Format error !\n"},
-        {"MOVJ VJ=100 z5 0,20,60,10,-90,0\n// five numbers\nMOVJ VJ=100 z5 0,20,60,10,-90\n",
+        {"MOVJ VJ=100 z5 0,20,60,10,-90,0\n// five numbers\nMOVJ VJ=100 z5 0,20,60,10,-90\n", "1\nCYCLE\nNO\n",
          "Line 3 instruction position is illegal !\n"},
-        {"// nothing\n", "Error : file/data.txt is an empty file.\n"},
+        {ShortMoves(1001), "1\nCYCLE\nNO\n", "Line 1002 exceeds the limit of 1000 moves !\n"},
+        {"", "0.05\nCYCLE\nNO\n", kOverridePrompt + "speed override = 0.05\n" + invalid},
+        {"", "1.2\nCYCLE\nNO\n", kOverridePrompt + "speed override = 1.2\n" + invalid},
+        {"", "fast\nCYCLE\nNO\n", kOverridePrompt + invalid},
+        {"", "1\ncycle\n", kCyclePrompt + "The value of operation cycle is invalid.\n"},
     };
-    for (const Case& c : cases) {
-        Recorded r = RunProgram(c.program, "1\nCYCLE\nNO\n");
+    for (const auto& c : cases) {
+        const Recorded r = RunProgram(c.program, c.answers);
         EXPECT_EQ(r.run.exit_code, 255);
         EXPECT_NE(r.run.out.find(c.printed), std::string::npos) << r.run.out;
-        EXPECT_EQ(r.run.out.find("Input speed override"), std::string::npos);
         EXPECT_EQ(r.setpoints, 0);
-        EXPECT_EQ(r.summary_beyond, 0) << r.run.err;
+        EXPECT_EQ(r.beyond, 0) << r.run.err;
     }
 }
 
+// Overrides 1 and 0.1 run the demo to the end within every limit; blending
+// ("YES", not "yes") shortens the run, a tenth of the speed lengthens it.
 TEST(Mode4, DemoProgramRunsToTheEndInEveryCycleSetting) {
-    long plain_setpoints = 0;
-    for (const char* answers : {"1\nCYCLE\nNO\n", "1\nCYCLE\nYES\n", "0.1\nCYCLE\nYES\n", "1\nCYCLE\nyes\n"}) {
-        Recorded r = RunProgram("", answers);
-        EXPECT_EQ(r.run.exit_code, 0) << answers << r.run.out;
-        EXPECT_NE(r.run.out.find(kPrompts), std::string::npos) << r.run.out;
+    const char* answers[] = {"1\nCYCLE\nNO\n", "1\nCYCLE\nYES\n", "1\nCYCLE\nyes\n", "0.1\nCYCLE\nYES\n"};
+    long setpoints[4];
+    for (int i = 0; i < 4; ++i) {
+        const Recorded r = RunProgram("", answers[i]);
+        EXPECT_EQ(r.run.exit_code, 0) << answers[i] << r.run.out;
+        EXPECT_NE(r.run.out.find(kOverridePrompt + kCyclePrompt + "Is smooth (YES/NO) "), std::string::npos);
         ExpectNoRefusal(r.run.out);
-        EXPECT_GT(r.setpoints, 6 * 1000) << answers;
-        EXPECT_EQ(r.summary_beyond, 0) << r.run.err;
-        EXPECT_GE(r.summary_commands, r.setpoints);
-        const std::string a = answers;
-        if (a == "1\nCYCLE\nNO\n") plain_setpoints = r.setpoints;
-        // Blending shortens the run; "yes" is not "YES" and does not blend.
-        if (a == "1\nCYCLE\nYES\n") {
-            EXPECT_LT(r.setpoints, plain_setpoints);
-        }
-        if (a == "1\nCYCLE\nyes\n") {
-            EXPECT_EQ(r.setpoints, plain_setpoints);
-        }
-        // A tenth of the speed takes several times longer.
-        if (a == "0.1\nCYCLE\nYES\n") {
-            EXPECT_GT(r.setpoints, 4 * plain_setpoints);
-        }
+        EXPECT_EQ(r.beyond, 0) << r.run.err;
+        setpoints[i] = r.setpoints;
     }
-}
-
-TEST(Mode4, OverrideOutsideItsRangeIsRefusedBeforeAnyMotion) {
-    for (const char* value : {"0.05", "1.2"}) {
-        Recorded r = RunProgram("", std::string(value) + "\nCYCLE\nNO\n");
-        EXPECT_EQ(r.run.exit_code, 255);
-        const std::string expected = std::string("Input speed override 0.1-1 : speed override = ") + value +
-                                     "\nThe value of speed override is invalid(0.1-1).\n";
-        EXPECT_NE(r.run.out.find(expected), std::string::npos) << r.run.out;
-        EXPECT_EQ(r.run.out.find("Input operation cycle"), std::string::npos);
-        EXPECT_EQ(r.setpoints, 0);
-    }
-    Recorded word = RunProgram("", "fast\nCYCLE\nNO\n");
-    EXPECT_EQ(word.run.exit_code, 255);
-    EXPECT_NE(word.run.out.find("Input speed override 0.1-1 : The value of speed override is invalid(0.1-1).\n"),
-              std::string::npos);
-    Recorded mode = RunProgram("", "1\ncycle\n");
-    EXPECT_EQ(mode.run.exit_code, 255);
-    EXPECT_NE(mode.run.out.find("The value of operation cycle is invalid.\n"), std::string::npos);
-    EXPECT_EQ(mode.setpoints, 0);
+    EXPECT_GT(setpoints[0], 6 * 1000);
+    EXPECT_LT(setpoints[1], setpoints[0]);
+    EXPECT_EQ(setpoints[2], setpoints[0]);
+    EXPECT_GT(setpoints[3], 4 * setpoints[0]);
 }
 
 TEST(Mode4, StepModeWalksTheProgram) {
     const std::string program =
-        "// two moves\n"
-        "MOVJ VJ=100 z5 0,20,60,10,-90,0\n"
-        "TIMER T=100\n"
-        "MOVL V=100 z5 0,25,75,-10,-90,0\n";
-    Recorded r = RunProgram(program, "1\nSTEP\nBACKWARD\nFORWARD\nFORWARD\nFORWARD\nBACKWARD\nBACKWARD\nleave\n");
+        "// two moves\nMOVJ VJ=100 z5 0,20,60,10,-90,0\nTIMER T=100\nMOVL V=100 z5 0,25,75,-10,-90,0\n";
+    const Recorded r = RunProgram(program, "1\nSTEP\nBACKWARD\nFORWARD\nFORWARD\nFORWARD\nBACKWARD\nBACKWARD\nleave\n");
     EXPECT_EQ(r.run.exit_code, 255);
-    const std::string expected =
-        "Input speed override 0.1-1 : Input operation cycle : STEP\u3001CYCLE and CONTINUOUS\n"
-        "FORWARD or BACKWARD Backward failure\n"
-        "FORWARD or BACKWARD Current line number = 2\n"
-        "FORWARD or BACKWARD Current line number = 4\n"
-        "FORWARD or BACKWARD Forward failure\n"
-        "FORWARD or BACKWARD Current line number = 2\n"
-        "FORWARD or BACKWARD Backward failure\n"
-        "FORWARD or BACKWARD Program exit!\n";
-    EXPECT_NE(r.run.out.find(expected), std::string::npos) << r.run.out;
+    EXPECT_NE(r.run.out.find(kOverridePrompt + kCyclePrompt +
+                             "FORWARD or BACKWARD Backward failure\n"
+                             "FORWARD or BACKWARD Current line number = 2\n"
+                             "FORWARD or BACKWARD Current line number = 4\n"
+                             "FORWARD or BACKWARD Forward failure\n"
+                             "FORWARD or BACKWARD Current line number = 2\n"
+                             "FORWARD or BACKWARD Backward failure\n"
+                             "FORWARD or BACKWARD Program exit!\n"),
+              std::string::npos)
+        << r.run.out;
     EXPECT_GT(r.setpoints, 0);
-    EXPECT_EQ(r.summary_beyond, 0);
-
-    // End of input leaves step mode too.
-    Recorded eof = RunProgram(program, "1\nSTEP\nFORWARD\n");
-    EXPECT_EQ(eof.run.exit_code, 255);
-    EXPECT_NE(eof.run.out.find("Current line number = 2\nFORWARD or BACKWARD Program exit!\n"), std::string::npos);
+    EXPECT_EQ(r.beyond, 0);
 }
 
 TEST(Mode4, ContinuousCyclesUntilCtrlC) {
-    ScratchDir dir(false);
-    WriteFile(dir.path() + "/.stdin.txt", "1\nCONTINUOUS\nYES\n");
-    const std::string out_path = dir.path() + "/.stdout.txt";
-    pid_t pid = fork();
+    tqltest::ScratchDir dir(false);
+    tqltest::WriteFile(dir.File("in.txt"), "1\nCONTINUOUS\nYES\n");
+    const pid_t pid = fork();
     ASSERT_GE(pid, 0);
     if (pid == 0) {
-        if (chdir(dir.path().c_str()) != 0) _exit(127);
-        int fin = open(".stdin.txt", O_RDONLY);
-        int fout = open(".stdout.txt", O_WRONLY | O_CREAT | O_TRUNC, 0644);
-        int ferr = open(".stderr.txt", O_WRONLY | O_CREAT | O_TRUNC, 0644);
-        if (fin < 0 || fout < 0 || ferr < 0) _exit(127);
-        dup2(fin, 0);
-        dup2(fout, 1);
-        dup2(ferr, 2);
         setenv("TQL_SIM_CLOCK", "virtual", 1);
-        execl(TQL_HOST_PATH, TQL_HOST_PATH, "mode4", static_cast<char*>(nullptr));
+        const std::string cmd = "cd '" + dir.path() + "' && exec '" TQL_HOST_PATH "' mode4 <in.txt >out.txt 2>err.txt";
+        execl("/bin/sh", "sh", "-c", cmd.c_str(), static_cast<char*>(nullptr));
         _exit(127);
     }
-    // Wait (wall time, bounded) until a few cycles have run, then press
-    // Ctrl-C, again if a press lands between two runs.
+    // Wait (wall time, bounded) for the third cycle, then press Ctrl-C, again
+    // if a press lands between two runs.
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(120);
     bool pressed = false;
     int status = 0;
-    for (;;) {
-        pid_t r = waitpid(pid, &status, WNOHANG);
-        if (r == pid) break;
+    while (waitpid(pid, &status, WNOHANG) != pid) {
         if (std::chrono::steady_clock::now() > deadline) {
             kill(pid, SIGKILL);
             waitpid(pid, &status, 0);
             FAIL() << "host did not stop";
         }
-        if (ReadFile(out_path).find("Cycle count : 3\n") != std::string::npos) {
+        if (ReadFile(dir.File("out.txt")).find("Cycle count : 3\n") != std::string::npos) {
             kill(pid, SIGINT);
             pressed = true;
         }
@@ -207,38 +149,14 @@ TEST(Mode4, ContinuousCyclesUntilCtrlC) {
     }
     ASSERT_TRUE(WIFEXITED(status)) << "ended by signal " << (WIFSIGNALED(status) ? WTERMSIG(status) : 0);
     EXPECT_EQ(WEXITSTATUS(status), 255);
-    const std::string out = ReadFile(out_path);
-    EXPECT_NE(out.find("Cycle count : 1\n"), std::string::npos);
-    EXPECT_NE(out.find("Cycle count : 2\n"), std::string::npos);
+    const std::string out = ReadFile(dir.File("out.txt"));
+    EXPECT_NE(out.find("Cycle count : 1\nCycle count : 2\n"), std::string::npos) << out;
     ExpectNoRefusal(out);
 }
 
-TEST(Mode4, ThousandMoveProgramRunsAndOneMoreIsRefused) {
-    std::ostringstream program;
-    program << "// a thousand short moves\n";
-    for (int i = 0; i < 1000; ++i)
-        program << (i % 2 ? "MOVJ VJ=100 z5 2,22,62,12,-88,2\n" : "MOVJ VJ=100 z5 0,20,60,10,-90,0\n");
-    Recorded ok = RunProgram(program.str(), "1\nCYCLE\nYES\n");
-    EXPECT_EQ(ok.run.exit_code, 0) << ok.run.out.substr(0, 2000);
-    EXPECT_GT(ok.setpoints, 6 * 1000 * 10);
-    EXPECT_EQ(ok.summary_beyond, 0);
-
-    program << "MOVJ VJ=100 z5 0,0,0,0,0,0\n";
-    Recorded over = RunProgram(program.str(), "1\nCYCLE\nYES\n");
-    EXPECT_EQ(over.run.exit_code, 255);
-    EXPECT_NE(over.run.out.find("Line 1002 exceeds the limit of 1000 moves !\n"), std::string::npos);
-    EXPECT_EQ(over.setpoints, 0);
-
-    // A thousand moves, one DOUT, then more moves: the decoder holds 1001
-    // instructions, so the later moves would be cut off; refused instead.
-    std::ostringstream cut;
-    cut << "// a thousand short moves\n";
-    for (int i = 0; i < 1000; ++i)
-        cut << (i % 2 ? "MOVJ VJ=100 z5 2,22,62,12,-88,2\n" : "MOVJ VJ=100 z5 0,20,60,10,-90,0\n");
-    cut << "DOUT 1 ON\nMOVJ VJ=100 z5 0,0,0,0,0,0\n";
-    Recorded dropped = RunProgram(cut.str(), "1\nCYCLE\nYES\n");
-    EXPECT_EQ(dropped.run.exit_code, 255);
-    EXPECT_NE(dropped.run.out.find("Line 1003 exceeds the limit of 1001 instructions !\n"), std::string::npos);
-    EXPECT_EQ(dropped.run.out.find("Input speed override"), std::string::npos);
-    EXPECT_EQ(dropped.setpoints, 0);
+TEST(Mode4, ThousandMoveProgramRunsEndToEnd) {
+    const Recorded r = RunProgram(ShortMoves(1000), "1\nCYCLE\nYES\n");
+    EXPECT_EQ(r.run.exit_code, 0) << r.run.out.substr(0, 2000);
+    EXPECT_GT(r.setpoints, 6 * 1000 * 10);
+    EXPECT_EQ(r.beyond, 0);
 }

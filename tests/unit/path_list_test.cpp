@@ -1,11 +1,10 @@
-// Program runners on the simulated arm, in virtual time: preparation and
-// blend lengths, plain and blended streaming, stop handling, stepping.
+// Program runners on the simulated arm, in virtual time: blend lengths, plain
+// and blended streaming, refusals, stop handling, continuous runs, stepping.
 #include <gtest/gtest.h>
 
 #include <array>
 #include <atomic>
 #include <cmath>
-#include <cstdlib>
 #include <iostream>
 #include <list>
 #include <memory>
@@ -16,50 +15,40 @@
 #include <vector>
 
 #include "execute.h"
-#include "interpolation.h"
+#include "path_list.h"
 #include "program.h"
 #include "sim_control.h"
 #include "test_support.h"
-#include "timing.h"
 
 namespace {
 
 constexpr double kDeg = 0.017453292222222222;
 constexpr int kJoints = 6;
-
 using Command = std::array<double, kJoints>;  // actuator revolutions, ids 1..6
+using Runner = int (*)(Robot*, InterpolationData*, int);
 
-// The runners sleep once after every command they send, so a sleep hook sees
-// each command as it was sent.
+// The runners sleep once after every command they send, so the sleep hook
+// sees each command as it was sent.
 struct Spy {
     bool recording = false;
     std::vector<Command> commands;
-    long stop_after = -1;           // set the stop flag after this many 4 ms sleeps
-    long pause_stop = 0;            // set the stop flag during the n-th long pause
-    long pauses = 0;
-    long ticks = 0;
-    std::atomic<bool>* wait_for = nullptr;  // block at stop_after until set
+    long ticks = 0, hold_at = -1;          // 4 ms sleeps; block at this one...
+    std::atomic<bool>* release = nullptr;  // ...until this is set
+    long pauses = 0, stop_at_pause = 0;    // sleeps of 0.5 s or more; stop in this one
 };
 Spy spy;
 
 void SpySleep(double seconds) {
     if (std::fabs(seconds - PERIOD) < 1e-9) {
-        ++spy.ticks;
         if (spy.recording) {
             Command c;
             for (int id = 1; id <= kJoints; ++id) c[id - 1] = tql_sim_last_setpoint(id);
             spy.commands.push_back(c);
         }
-        if (spy.stop_after >= 0 && spy.ticks == spy.stop_after) {
-            if (spy.wait_for != nullptr) {
-                while (!spy.wait_for->load()) std::this_thread::yield();
-            } else {
-                SetStopFlag();
-            }
-        }
-    } else if (seconds >= 0.5 - 1e-9) {
-        ++spy.pauses;
-        if (spy.pause_stop > 0 && spy.pauses == spy.pause_stop) SetStopFlag();
+        if (++spy.ticks == spy.hold_at)
+            while (!spy.release->load()) std::this_thread::yield();
+    } else if (seconds >= 0.5 - 1e-9 && ++spy.pauses == spy.stop_at_pause) {
+        SetStopFlag();
     }
     tql_sim_sleep(seconds);
 }
@@ -72,12 +61,10 @@ protected:
         std::string out;
         ASSERT_EQ(tqltest::BootSimulatedArm(&SpySleep, &out), 0) << out;
         robot_ = GetCurrentRobot();
-        ASSERT_EQ(robot_->GetRobotJointNum(), kJoints);
         SetReplayOverride(1.0);
         ASSERT_EQ(SetSpeedOverride(), 0);
         table_.reset(new InterpolationData[kInterpolationTableSize]);
     }
-
     void TearDown() override {
         tqltest::RestoreRealTime();
         SetOperationCycleMode(CYCLE);
@@ -86,7 +73,6 @@ protected:
         InitSpeedOverride();
         dir_.reset();
     }
-
     // Converts the lines into the table from the arm's present joints.
     int Load(const std::vector<std::string>& lines) {
         std::list<InstructionUnit> list = tqltest::DecodeLines(lines);
@@ -97,20 +83,29 @@ protected:
         return count;
     }
 
-    // Runs a table with the spy recording; returns the runner's result.
-    int Run(int (*runner)(Robot*, InterpolationData*, int), int count, std::vector<Command>* sent,
-            std::string* out = nullptr) {
+    // Runs the table; the commands go to spy.commands, the printed text to out_.
+    int Run(Runner runner, int count) {
         spy.commands.clear();
         spy.recording = true;
         testing::internal::CaptureStdout();
         const int r = runner(robot_, table_.get(), count);
-        const std::string printed = testing::internal::GetCapturedStdout();
+        out_ = testing::internal::GetCapturedStdout();
         spy.recording = false;
-        if (out != nullptr) *out = printed;
-        if (sent != nullptr) *sent = spy.commands;
         return r;
     }
-
+    // On a fresh arm: `approach` run plainly, then `lines` with `runner`.
+    std::vector<Command> FreshRun(Runner runner, const std::vector<std::string>& approach,
+                                  const std::vector<std::string>& lines) {
+        TearDown();
+        SetUp();
+        if (!approach.empty()) {
+            EXPECT_EQ(Run(&MovePathList, Load(approach)), 0);
+        }
+        const int n = Load(lines);
+        EXPECT_EQ(Run(runner, n), 0) << out_;
+        ExpectAtJoints(table_[n - 1].target_position, 1e-6);
+        return spy.commands;
+    }
     void ExpectAtJoints(const double* q_rad, double tol_rad) {
         double now[kMaxJointNum];
         robot_->GetCurrentMachineJoint(now);
@@ -120,28 +115,25 @@ protected:
     std::unique_ptr<tqltest::ScratchDir> dir_;
     Robot* robot_ = nullptr;
     std::unique_ptr<InterpolationData[]> table_;
+    std::string out_;
 };
 
-// Largest ratio of a joint's commanded speed to the given per-joint speeds
-// (commands in actuator revolutions, ratio 36 on every joint of the demo arm).
-double PeakSpeedRatio(const std::vector<Command>& sent, const double* limit_rad_s) {
+// Largest ratio of a joint's commanded speed to its limit on the demo arm
+// (90 deg/s for joints 1-3, 120 deg/s for 4-6; gear ratio 36 everywhere).
+double PeakSpeedRatio(const std::vector<Command>& sent) {
     double peak = 0.0;
     for (size_t k = 1; k < sent.size(); ++k)
-        for (int j = 0; j < kJoints; ++j) {
-            const double speed = std::fabs(sent[k][j] - sent[k - 1][j]) / 36.0 * 6.2831852 / PERIOD;
-            peak = std::max(peak, speed / limit_rad_s[j]);
-        }
+        for (int j = 0; j < kJoints; ++j)
+            peak = std::max(peak, std::fabs(sent[k][j] - sent[k - 1][j]) / 36.0 * 6.2831852 / PERIOD /
+                                      ((j < 3 ? 90 : 120) * kDeg));
     return peak;
 }
 
-// The demo arm's joint speed limits, rad/s.
-const double kJointLimits[kJoints] = {90 * kDeg, 90 * kDeg, 90 * kDeg, 120 * kDeg, 120 * kDeg, 120 * kDeg};
-const double kHalfJointLimits[kJoints] = {45 * kDeg, 45 * kDeg, 45 * kDeg, 60 * kDeg, 60 * kDeg, 60 * kDeg};
-
 const std::vector<std::string> kTwoJointMoves = {
-    "MOVJ VJ=100 z5 0,20,60,10,-90,0",   // long move from zero: long deceleration
-    "MOVJ VJ=100 z5 5,22,62,12,-88,3",   // short move: short acceleration
+    "MOVJ VJ=100 z5 0,20,60,10,-90,0",  // long move from zero: long deceleration
+    "MOVJ VJ=100 z5 5,22,62,12,-88,3",  // short move: short acceleration
 };
+const std::vector<std::string> kApproach = {"MOVJ VJ=100 z5 0,20,60,10,-90,0"};
 
 }  // namespace
 
@@ -161,9 +153,7 @@ TEST_F(Runners, BlendIsTheShorterOfTheMeetingPhases) {
         lines.push_back("MOVL V=60 z5 0,20,60,10,-90,0");
         const int n = Load(lines);
         ASSERT_EQ(n, 10);
-
-        // Each move prepared on its own, with the start the run will use.
-        robot_->GetCurrentMachineJoint(table_[0].start_position);
+        // Each move prepared on its own.
         std::vector<double> acc(n), dec(n), total(n);
         for (int i = 0; i < n; ++i) {
             std::unique_ptr<InterpolationData> alone(new InterpolationData(table_[i]));
@@ -171,251 +161,137 @@ TEST_F(Runners, BlendIsTheShorterOfTheMeetingPhases) {
             acc[i] = alone->acc_time;
             dec[i] = alone->dec_time;
             total[i] = alone->total_time;
-            ASSERT_GT(total[i], 0.0);
         }
         ASSERT_EQ(PathListPreprocess(robot_, table_.get(), n), 0);
         EXPECT_EQ(table_[0].acc_time, 0.0);
         EXPECT_EQ(table_[n - 1].dec_time, 0.0);
         for (int i = 0; i < n; ++i) EXPECT_EQ(table_[i].total_time, total[i]);
         for (int i = 1; i < n; ++i) {
-            const double blend = std::min(dec[i - 1], acc[i]);
-            EXPECT_EQ(table_[i - 1].dec_time, blend) << i;
-            EXPECT_EQ(table_[i].acc_time, blend) << i;
+            EXPECT_EQ(table_[i - 1].dec_time, std::min(dec[i - 1], acc[i])) << i;
+            EXPECT_EQ(table_[i].acc_time, std::min(dec[i - 1], acc[i])) << i;
         }
     }
 }
 
+// Blending shortens a run by the blend lengths and leaves the commands before
+// the first junction as they were: a single move is sent alike either way.
 TEST_F(Runners, BlendedRunOverlapsMovesByTheBlendLength) {
-    const int n = Load(kTwoJointMoves);
-    ASSERT_EQ(n, 2);
-    std::vector<Command> plain;
-    ASSERT_EQ(Run(&MovePathList, n, &plain), 0);
-    const int n1 = static_cast<int>(std::lround(table_[0].total_time / PERIOD));
-    const int n2 = static_cast<int>(std::lround(table_[1].total_time / PERIOD));
-    const int blend = static_cast<int>(std::lround(table_[1].acc_time / PERIOD));
-    ASSERT_GT(blend, 0);
-    EXPECT_EQ(static_cast<int>(plain.size()), n1 + n2);
-    ExpectAtJoints(table_[1].target_position, 1e-9);
-
-    // Back to the start in a fresh scratch state, then blended.
-    TearDown();
-    SetUp();
-    ASSERT_EQ(Load(kTwoJointMoves), 2);
-    std::vector<Command> smooth;
-    ASSERT_EQ(Run(&MovePathListSmooth, n, &smooth), 0);
-    EXPECT_EQ(static_cast<int>(smooth.size()), n1 + n2 - blend);
-    ExpectAtJoints(table_[1].target_position, 1e-9);
-
-    // The first move's commands before the junction are identical.
-    const int before = n1 - blend;
-    for (int k = 0; k < before; ++k)
-        for (int j = 0; j < kJoints; ++j) ASSERT_EQ(smooth[k][j], plain[k][j]) << k;
-    // Superposing a decelerating and an accelerating move stays within the
-    // joint speed limits (90..120 deg/s).
-    EXPECT_LE(PeakSpeedRatio(smooth, kJointLimits), 1.0001);
-    EXPECT_LE(PeakSpeedRatio(plain, kJointLimits), 1.0001);
-    EXPECT_EQ(tql_sim_beyond_limit_count(), 0);
-}
-
-TEST_F(Runners, SingleMoveSendsTheSameCommandsBlendedOrNot) {
-    const std::vector<std::vector<std::string>> programs = {
-        {"MOVJ VJ=40 z5 10,20,60,10,-90,0"},
-    };
-    for (const auto& lines : programs) {
-        ASSERT_EQ(Load(lines), 1);
-        std::vector<Command> plain;
-        ASSERT_EQ(Run(&MovePathList, 1, &plain), 0);
-        TearDown();
-        SetUp();
-        ASSERT_EQ(Load(lines), 1);
-        std::vector<Command> smooth;
-        ASSERT_EQ(Run(&MovePathListSmooth, 1, &smooth), 0);
-        ASSERT_EQ(plain.size(), smooth.size());
-        ASSERT_FALSE(plain.empty());
-        for (size_t k = 0; k < plain.size(); ++k)
-            for (int j = 0; j < kJoints; ++j) ASSERT_EQ(plain[k][j], smooth[k][j]) << k;
+    const struct {
+        std::vector<std::string> approach, moves;
+        double tol;  // revolutions
+    } cases[] = {{{}, kTwoJointMoves, 0.0},
+                 {{}, {"MOVJ VJ=40 z5 10,20,60,10,-90,0"}, 0.0},
+                 {kApproach, {"MOVL V=150 z5 0,25,75,-10,-90,0"}, 1e-9}};
+    for (const auto& c : cases) {
+        const std::vector<Command> plain = FreshRun(&MovePathList, c.approach, c.moves);
+        const int n = static_cast<int>(c.moves.size());
+        long ticks = 0, blend = 0, first = std::lround(table_[0].total_time / PERIOD);
+        for (int i = 0; i < n; ++i) ticks += std::lround(table_[i].total_time / PERIOD);
+        for (int i = 1; i < n; ++i) blend += std::lround(table_[i].acc_time / PERIOD);
+        EXPECT_EQ(n > 1, blend > 0);
+        const std::vector<Command> smooth = FreshRun(&MovePathListSmooth, c.approach, c.moves);
+        ASSERT_EQ(static_cast<long>(plain.size()), ticks);
+        ASSERT_EQ(static_cast<long>(smooth.size()), ticks - blend);
+        for (long k = 0; k < first - blend; ++k)
+            for (int j = 0; j < kJoints; ++j) ASSERT_NEAR(plain[k][j], smooth[k][j], c.tol) << k;
+        // The superposed moves stay within the joint speed limits.
+        EXPECT_LE(PeakSpeedRatio(smooth), 1.0001);
+        EXPECT_EQ(tql_sim_beyond_limit_count(), 0);
     }
-    // A Cartesian move alone, from a comfortable pose.
-    const std::vector<std::string> approach = {"MOVJ VJ=100 z5 0,20,60,10,-90,0"};
-    ASSERT_EQ(Load(approach), 1);
-    ASSERT_EQ(Run(&MovePathList, 1, nullptr), 0);
-    const std::vector<std::string> line = {"MOVL V=150 z5 0,25,75,-10,-90,0"};
-    ASSERT_EQ(Load(line), 1);
-    std::vector<Command> plain;
-    ASSERT_EQ(Run(&MovePathList, 1, &plain), 0);
-    ExpectAtJoints(table_[0].target_position, 1e-6);
-    ASSERT_EQ(Load({"MOVJ VJ=100 z5 0,20,60,10,-90,0"}), 1);
-    ASSERT_EQ(Run(&MovePathList, 1, nullptr), 0);
-    ASSERT_EQ(Load(line), 1);
-    std::vector<Command> smooth;
-    ASSERT_EQ(Run(&MovePathListSmooth, 1, &smooth), 0);
-    ASSERT_EQ(plain.size(), smooth.size());
-    for (size_t k = 0; k < plain.size(); ++k)
-        for (int j = 0; j < kJoints; ++j) ASSERT_NEAR(plain[k][j], smooth[k][j], 1e-9) << k;
-    EXPECT_EQ(tql_sim_beyond_limit_count(), 0);
 }
 
-TEST_F(Runners, EmptyTableDoesNothingAndSucceeds) {
+TEST_F(Runners, EmptyTableSucceedsAndUnpreparableMovesAreRefusedBeforeMotion) {
     EXPECT_EQ(PathListPreprocess(robot_, table_.get(), 0), 0);
-    std::vector<Command> sent;
-    EXPECT_EQ(Run(&MovePathList, 0, &sent), 0);
-    EXPECT_EQ(Run(&MovePathListSmooth, 0, &sent), 0);
-    EXPECT_TRUE(sent.empty());
-    EXPECT_EQ(tql_sim_setpoint_count(1), 0);
-}
-
-TEST_F(Runners, MovesThatCannotBePreparedAreRefusedBeforeAnyMotion) {
-    // Arc middle equal to its start, and an arc whose middle does not lie
-    // between start and end (the arc would not end at the target).
-    const std::vector<std::vector<std::string>> programs = {
-        {"MOVJ VJ=100 z5 0,20,60,10,-90,0", "MOVC V=100 z5 0,20,60,10,-90,0,-40,20,60,10,-90,0"},
-        {"MOVJ VJ=100 z5 0,20,60,10,-90,0", "MOVC V=100 z5 -40,20,60,10,-90,0,-20,20,60,10,-90,0"},
-    };
-    for (const auto& lines : programs) {
-        for (auto runner : {&MovePathList, &MovePathListSmooth}) {
-            ASSERT_EQ(Load(lines), 2);
-            std::string out;
-            std::vector<Command> sent;
-            EXPECT_EQ(Run(runner, 2, &sent, &out), -1);
-            EXPECT_NE(out.find("Line 2 move preparation failed !\n"), std::string::npos) << out;
-            EXPECT_TRUE(sent.empty());
-            EXPECT_EQ(tql_sim_setpoint_count(1), 0);
+    SetOperationCycleMode(CONTINUOUS);  // must not cycle for ever
+    for (Runner runner : {&MovePathList, &MovePathListSmooth, &ReplayParametersConfiguration})
+        EXPECT_EQ(Run(runner, 0), 0);
+    // Arc middle equal to its start; a middle not between start and end.
+    for (const char* arc : {"MOVC V=100 z5 0,20,60,10,-90,0,-40,20,60,10,-90,0",
+                            "MOVC V=100 z5 -40,20,60,10,-90,0,-20,20,60,10,-90,0"})
+        for (Runner runner : {&MovePathList, &MovePathListSmooth}) {
+            ASSERT_EQ(Load({kApproach[0], arc}), 2);
+            EXPECT_EQ(Run(runner, 2), -1);
+            EXPECT_NE(out_.find("Line 2 move preparation failed !\n"), std::string::npos) << out_;
         }
-    }
+    EXPECT_EQ(tql_sim_setpoint_count(1), 0);
     // The same arc with its middle in between runs.
-    ASSERT_EQ(Load({"MOVJ VJ=100 z5 0,20,60,10,-90,0",
-                    "MOVC V=100 z5 -20,20,60,10,-90,0,-40,20,60,10,-90,0"}),
-              2);
-    ASSERT_EQ(Run(&MovePathListSmooth, 2, nullptr), 0);
-    ExpectAtJoints(table_[1].target_position, 1e-6);
+    FreshRun(&MovePathListSmooth, {}, {kApproach[0], "MOVC V=100 z5 -20,20,60,10,-90,0,-40,20,60,10,-90,0"});
     EXPECT_EQ(tql_sim_beyond_limit_count(), 0);
 }
 
 TEST_F(Runners, StopFromAnotherThreadEndsTheRunBeforeTheNextCommand) {
-    for (auto runner : {&MovePathList, &MovePathListSmooth}) {
+    for (Runner runner : {&MovePathList, &MovePathListSmooth}) {
         ASSERT_EQ(Load(kTwoJointMoves), 2);
         std::atomic<bool> stopped{false};
         spy.ticks = 0;
-        spy.stop_after = 60;
-        spy.wait_for = &stopped;
+        spy.hold_at = 60;
+        spy.release = &stopped;
         const long before = tql_sim_setpoint_count(1);
         std::thread other([&] {
             while (tql_sim_setpoint_count(1) < before + 60) std::this_thread::yield();
             SetStopFlag();
             stopped.store(true);
         });
-        std::vector<Command> sent;
-        const int r = Run(runner, 2, &sent);
+        EXPECT_EQ(Run(runner, 2), -1);
         other.join();
-        EXPECT_EQ(r, -1);
-        EXPECT_EQ(sent.size(), 60u);
+        EXPECT_EQ(spy.commands.size(), 60u);
         EXPECT_EQ(tql_sim_setpoint_count(1), before + 60);
-        spy.stop_after = -1;
-        spy.wait_for = nullptr;
+        spy.hold_at = -1;
     }
 }
 
-TEST_F(Runners, ContinuousRunsUntilStopped) {
-    ASSERT_EQ(Load(kTwoJointMoves), 2);
+// Cycles restart from the program's end; a stop during the pause between
+// two cycles is not lost.
+TEST_F(Runners, ContinuousRunsUntilStoppedEvenDuringThePause) {
+    ASSERT_EQ(Run(&MovePathList, Load(kTwoJointMoves)), 0);
     SetOperationCycleMode(CONTINUOUS);
-    SetSmoothReplay(false);
-    // From the program's end every run is the same.
-    ASSERT_EQ(Run(&MovePathList, 2, nullptr), 0);
-    // Stopped in the middle of the third run.
-    ASSERT_EQ(PathListPreprocess(robot_, table_.get(), 2), 0);
-    spy.ticks = 0;
-    testing::internal::CaptureStdout();
-    const double ticks_per_run = (table_[0].total_time + table_[1].total_time) / PERIOD;
-    spy.stop_after = static_cast<long>(2.5 * ticks_per_run);
-    const int r = ReplayParametersConfiguration(robot_, table_.get(), 2);
-    std::string out = testing::internal::GetCapturedStdout();
-    EXPECT_EQ(r, -1);
-    EXPECT_EQ(tqltest::CountOf(out, "Cycle count : "), 3) << out;
-    EXPECT_NE(out.find("Cycle count : 3\n"), std::string::npos);
-
-    // Stopped during the pause between two runs: the stop is not lost.
     SetSmoothReplay(true);
-    spy.stop_after = -1;
     spy.pauses = 0;
-    spy.pause_stop = 2;
-    testing::internal::CaptureStdout();
-    EXPECT_EQ(ReplayParametersConfiguration(robot_, table_.get(), 2), -1);
-    out = testing::internal::GetCapturedStdout();
-    EXPECT_EQ(tqltest::CountOf(out, "Cycle count : "), 2) << out;
+    spy.stop_at_pause = 3;
+    EXPECT_EQ(Run(&ReplayParametersConfiguration, 2), -1);
+    EXPECT_EQ(tqltest::CountOf(out_, "Cycle count : "), 3) << out_;
+    EXPECT_NE(out_.find("Cycle count : 3\n"), std::string::npos);
     EXPECT_EQ(tql_sim_beyond_limit_count(), 0);
 }
 
-TEST_F(Runners, StepWalksForwardAndBackward) {
-    const int n = Load({"MOVJ VJ=100 z5 0,20,60,10,-90,0", "MOVL V=100 z5 0,25,75,-10,-90,0",
-                        "MOVC V=100 z5 -20,25,75,-10,-90,0,-40,25,75,-10,-90,0"});
-    ASSERT_EQ(n, 3);
-    std::istringstream in("FORWARD FORWARD FORWARD FORWARD BACKWARD BACKWARD BACKWARD quit");
-    std::streambuf* old = std::cin.rdbuf(in.rdbuf());
-    std::string out;
-    const int r = Run(&ReplayPathStep, n, nullptr, &out);
-    std::cin.rdbuf(old);
-    std::cin.clear();
-    EXPECT_EQ(r, -1);
-    const std::string expected =
-        "FORWARD or BACKWARD Current line number = 1\n"
-        "FORWARD or BACKWARD Current line number = 2\n"
-        "FORWARD or BACKWARD Current line number = 3\n"
-        "FORWARD or BACKWARD Forward failure\n"
-        "FORWARD or BACKWARD Current line number = 2\n"
-        "FORWARD or BACKWARD Current line number = 1\n"
-        "FORWARD or BACKWARD Backward failure\n"
-        "FORWARD or BACKWARD Program exit!\n";
-    EXPECT_EQ(out, expected);
-    ExpectAtJoints(table_[0].target_position, 1e-6);
-    EXPECT_EQ(tql_sim_beyond_limit_count(), 0);
-}
-
-TEST_F(Runners, StepAppliesTheOverrideOnce) {
+TEST_F(Runners, StepWalksForwardAndBackwardWithTheOverrideAppliedOnce) {
     SetReplayOverride(0.5);
     ASSERT_EQ(SetSpeedOverride(), 0);
-    ASSERT_EQ(Load({"MOVJ VJ=100 z5 0,20,60,10,-90,0"}), 1);
+    const int n = Load({kApproach[0], "MOVL V=100 z5 0,25,75,-10,-90,0",
+                        "MOVC V=100 z5 -20,25,75,-10,-90,0,-40,25,75,-10,-90,0"});
+    ASSERT_EQ(n, 3);
     const double full_speed = table_[0].joint_acc_dec[0].speed;
-    std::istringstream in("FORWARD exit");
+    std::istringstream in("FORWARD FORWARD FORWARD FORWARD BACKWARD BACKWARD BACKWARD quit");
     std::streambuf* old = std::cin.rdbuf(in.rdbuf());
-    std::vector<Command> sent;
-    const int r = Run(&ReplayPathStep, 1, &sent);
+    const int r = Run(&ReplayPathStep, n);
     std::cin.rdbuf(old);
     std::cin.clear();
     EXPECT_EQ(r, -1);
+    std::string expected;
+    for (const char* step : {"Current line number = 1", "Current line number = 2", "Current line number = 3",
+                             "Forward failure", "Current line number = 2", "Current line number = 1",
+                             "Backward failure", "Program exit!"})
+        expected += std::string("FORWARD or BACKWARD ") + step + "\n";
+    EXPECT_EQ(out_, expected);
+    ExpectAtJoints(table_[0].target_position, 1e-6);
     EXPECT_EQ(table_[0].joint_acc_dec[0].speed, 0.5 * full_speed);
-    EXPECT_LE(PeakSpeedRatio(sent, kHalfJointLimits), 1.0001);
-    EXPECT_GT(PeakSpeedRatio(sent, kHalfJointLimits), 0.5);
-    ExpectAtJoints(table_[0].target_position, 1e-9);
+    const double peak = PeakSpeedRatio(spy.commands);
+    EXPECT_LE(peak, 0.5001);
+    EXPECT_GT(peak, 0.25);
+    EXPECT_EQ(tql_sim_beyond_limit_count(), 0);
 }
 
-TEST_F(Runners, DemoProgramsRunWithinEveryLimit) {
+// The flight recorder's view of the demo program, plain and blended: no
+// set-point beyond any actuator's limits, no refusal printed, home again.
+TEST_F(Runners, DemoProgramRunsWithinEveryLimit) {
+    const Runner demo = [](Robot* r, InterpolationData*, int) { return ExecuteFileInstruction(r, "file/data.txt"); };
     for (bool smooth : {false, true}) {
-        SetOperationCycleMode(CYCLE);
         SetSmoothReplay(smooth);
-        spy.recording = true;
-        spy.commands.clear();
-        testing::internal::CaptureStdout();
-        const int r = ExecuteFileInstruction(robot_, "file/data.txt");
-        const std::string out = testing::internal::GetCapturedStdout();
-        spy.recording = false;
-        EXPECT_EQ(r, 0) << out;
-        EXPECT_EQ(out, "");
+        EXPECT_EQ(Run(demo, 0), 0);
+        EXPECT_EQ(out_, "");
         EXPECT_GT(spy.commands.size(), 1000u);
         EXPECT_EQ(tql_sim_beyond_limit_count(), 0);
         const double home[kMaxJointNum] = {};
         ExpectAtJoints(home, 1e-9);
     }
-    // The reset's test program, at half speed, plain.
-    SetReplayOverride(0.5);
-    ASSERT_EQ(SetSpeedOverride(), 0);
-    std::list<InstructionUnit> list;
-    ASSERT_EQ(DecodeInstructionFile("file/reset_test.txt", &list), 0);
-    double current[kMaxJointNum] = {};
-    robot_->GetCurrentMachineJoint(current);
-    int count = 0;
-    ASSERT_GT(InstructionDataToMoveData(&list, table_.get(), current, robot_, &count), 0);
-    testing::internal::CaptureStdout();
-    EXPECT_EQ(MovePathList(robot_, table_.get(), count), 0);
-    EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
-    EXPECT_EQ(tql_sim_beyond_limit_count(), 0);
 }
