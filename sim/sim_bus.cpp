@@ -204,14 +204,14 @@ void RaiseError(BusCall& call, SimActuator& a, uint32_t code) {
 
 double ReportedPosition(const SimActuator& a) { return a.raw_position - a.homing_offset; }
 
-namespace {
-
-bool Moving(const SimActuator& a) { return a.enabled && a.error_word == 0; }
-
 double ClampToLimits(const SimActuator& a, double reported) {
     if (a.live.min_position > a.live.max_position) return reported;  // limits unusable
     return std::min(std::max(reported, a.live.min_position), a.live.max_position);
 }
+
+namespace {
+
+bool Moving(const SimActuator& a) { return a.enabled && a.error_word == 0; }
 
 double CommandedRpm(const SimActuator& a) {
     const double lim = std::fabs(a.live.velocity_limit);

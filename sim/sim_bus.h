@@ -194,6 +194,9 @@ void RaiseError(BusCall& call, SimActuator& a, uint32_t code);
 // Motion state of an actuator at the bus time (velocity mode integrates).
 void Advance(SimActuator& a, double now);
 double ReportedPosition(const SimActuator& a);
+// A reported position held inside the actuator's limits (unchanged when the
+// limits are unusable, min > max).
+double ClampToLimits(const SimActuator& a, double reported);
 double LiveVelocity(const SimActuator& a, double now);
 double LiveCurrent(const SimActuator& a);
 // Restarts the set-point reference at the present position (enable, mode switch).

@@ -154,9 +154,7 @@ void ActuatorController::setPosition(uint8_t id, double pos, const std::string&)
     a->reference_time = call.now;
     if (!a->enabled || a->error_word != 0 || a->mode != Actuator::Mode_Pos) return;
     // Position mode reaches the set-point within the period (at most at a limit).
-    double target = pos;
-    if (a->live.min_position <= a->live.max_position)
-        target = std::min(std::max(target, a->live.min_position), a->live.max_position);
+    const double target = tqlsim::ClampToLimits(*a, pos);
     a->step_velocity = (target - tqlsim::ReportedPosition(*a)) / dt * 60.0;
     a->step_time = call.now;
     a->raw_position = target + a->homing_offset;

@@ -145,7 +145,6 @@ void CircularPath::Interpolation(double t, double* pose) {
 int MoveCircularPreprocess(Robot* robot, double* start_joints, double* mid_joints,
                            double* end_joints, CircularPath* path, AccDecDate* linear,
                            AccDecDate* rotation) {
-    robot->GetRobotJointNum();
     double start_pose[7], mid_pose[7], end_pose[7];
     if (robot->ForwardKinematics(start_joints, start_pose) < 0) return -1;
     if (robot->ForwardKinematics(mid_joints, mid_pose) < 0) return -1;

@@ -40,6 +40,7 @@ int DatabaseToMechnical(ResourceData* rd);
 int GetDataFormChar(const char* text, double* out, int n);
 int UpdateRobotType(char* value, int id);
 int DynamicsSwitch(char* value);
+// An empty hook kept in the interface for hosts that call it; does nothing.
 void DisableFeatureConfiguration();
 
 #endif  // TQL_DATABASE_H

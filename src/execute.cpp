@@ -40,15 +40,11 @@ int NotYetAvailable() {
     return -1;
 }
 
+// Only the program run (mode4) is built; every other mode word names a job
+// that is not.
 int Dispatch(const std::string& word) {
-    if (word == "mode1") return NotYetAvailable();
-    if (word == "mode2") return NotYetAvailable();
-    if (word == "mode3") return NotYetAvailable();
-    if (word == "mode4") return ExecuteFileInstruction(GetCurrentRobot(), "file/data.txt");
-    if (word == "admin") return NotYetAvailable();
-    if (word == "reset") return NotYetAvailable();
-    if (word == "calibrate") return NotYetAvailable();
-    if (word == "tutorials") return NotYetAvailable();
+    if (word == "mode4") return ExecuteFileInstruction(GetCurrentRobot(), kProgramFileName);
+    if (IsModeWord(word.c_str())) return NotYetAvailable();
     std::cout << "Input error" << std::endl;
     return -1;
 }

@@ -93,9 +93,7 @@ void JointPath::InterpolationPreprocess() {
     distance_ = std::fabs(end_ - start_);
     // The joint starts and ends at rest.
     profile_.set_parameters(distance_, vmax_, 0, 0, amax_, dmax_, jerk_);
-    profile_.calculate_jerk_limit_profile_time();
-    profile_.time_rounding();
-    profile_.calculate_flow_parameters();
+    profile_.jerk_limit_profile_rounding();
 }
 
 double JointPath::Interpolation(double t) {
@@ -170,7 +168,7 @@ int MoveToStablePosition() {
     if (GetCurrentRobot()->GetRobotType() != 1) return -1;
     // Resting pose of robot type 1, degrees.
     double target[kMaxJointNum] = {-1.56921, -41.9171, 129.388, 105.722, -95.4584, -48.5681};
-    scaling(target, 0.017453292222222222, 6);
+    scaling(target, kProgramDegreeToRadian, 6);
     return MoveToSpecifiedPosition(target);
 }
 
@@ -248,9 +246,7 @@ void LinearPath::Interpolation(double t, double* pose) {
     const double p = ProfilePosition(governing, t);
     // A segment of no length at all stays at its start.
     const double s = distance > 0 ? p / distance : 0.0;
-    for (int i = 0; i < 3; ++i) {
-        pose[i] = start_pose_[i] + (distance > 0 ? direction_[i] * p / distance : 0.0);
-    }
+    for (int i = 0; i < 3; ++i) pose[i] = start_pose_[i] + direction_[i] * s;
     OrientationInterpolation(start_pose_ + 3, end_pose_ + 3, pose + 3, s, angle_);
 }
 
@@ -258,7 +254,6 @@ void LinearPath::Interpolation(double t, double* pose) {
 
 int MoveLinearPreprocess(Robot* robot, double* start_joints, double* end_joints, LinearPath* path,
                          AccDecDate* linear, AccDecDate* rotation) {
-    robot->GetRobotJointNum();
     double start_pose[7];
     double end_pose[7];
     if (robot->ForwardKinematics(start_joints, start_pose) < 0) return -1;

@@ -55,7 +55,7 @@ int JogInCartesianCoordinateSystem(int axis, double step) {
 
     double pose[7];
     if (robot->ForwardKinematics(current, pose) < 0) return -1;
-    if (axis > 2) step *= 0.017453292222222222;  // degrees to radians
+    if (axis > 2) step *= kProgramDegreeToRadian;
 
     // Translation steps add to the flange position in base coordinates;
     // rotation steps turn the orientation about the base axis and keep the

@@ -66,6 +66,15 @@ int PositionIllegal(int type, int line_number) {
     return -1;
 }
 
+// A speed from a program line (VJ ratio or V) must be a positive finite number.
+bool SpeedLegal(double speed) { return speed > 0.0 && std::isfinite(speed); }
+
+// Prints the refusal of a move's speed and returns -1.
+int SpeedIllegal(int line_number) {
+    std::cout << "Line " << line_number << " instruction speed is illegal !" << std::endl;
+    return -1;
+}
+
 // Runs the table once, blended or not.
 int RunPathListOnce(Robot* robot, InterpolationData* table, int count) {
     if (GetSmoothReplay()) return MovePathListSmooth(robot, table, count);
@@ -145,10 +154,7 @@ int InstructionDataToMoveData(std::list<InstructionUnit>* list, InterpolationDat
         if (move.type == kMoveJoint) {
             // VJ scales every joint's speed limit; accelerations and jerks stay.
             const double ratio = move.speed.joint_speed_ratio;
-            if (!(ratio > 0.0) || !std::isfinite(ratio)) {
-                std::cout << "Line " << unit.line_number << " instruction speed is illegal !" << std::endl;
-                return -1;
-            }
+            if (!SpeedLegal(ratio)) return SpeedIllegal(unit.line_number);
             for (int j = 0; j < J; ++j) {
                 data.joint_acc_dec[j] = joint_limits[j];
                 data.joint_acc_dec[j].speed *= ratio;
@@ -156,10 +162,7 @@ int InstructionDataToMoveData(std::list<InstructionUnit>* list, InterpolationDat
         } else {
             // V lowers the robot's translation speed, never raises it.
             const double speed = move.speed.line_speed;
-            if (!(speed > 0.0) || !std::isfinite(speed)) {
-                std::cout << "Line " << unit.line_number << " instruction speed is illegal !" << std::endl;
-                return -1;
-            }
+            if (!SpeedLegal(speed)) return SpeedIllegal(unit.line_number);
             data.line_acc_dec = line_limits;
             if (data.line_acc_dec.speed > speed) data.line_acc_dec.speed = speed;
             data.rotate_acc_dec = rotate_limits;

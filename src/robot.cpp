@@ -187,11 +187,10 @@ int Robot::SendMachinePosition(double* q, double* q_last) {
     return 0;
 }
 
+// Unchecked set-points (no speed or soft-limit check), published as the
+// real-time position.
 int Robot::SendPosition(double* q, double* /*q_last*/) {
-    for (int i = 0; i < joint_num_; ++i) {
-        if (!JointErrorFree(i, false)) return -1;
-        link_[i].SetActuatorPosition(q[i]);
-    }
+    if (SetPosition(q) < 0) return -1;
     SetRealTimePos(q);
     return 0;
 }

@@ -62,6 +62,27 @@ double ClosedFormPeak(double a, double j, double vs, double ve, double h) {
     return (-a * a / j + std::sqrt(radicand) / j) / 2;
 }
 
+// Stores the durations of a profile whose jerk phases are equal on each side
+// (Tj1, Tac, Tj1, Tv, Tj2, Tdc, Tj2; s) and the three totals.
+void StoreDurations(SpeedProfile& p, double tj1, double tac, double tv, double tj2, double tdc) {
+    p.t_[0] = tj1;
+    p.t_[1] = tac;
+    p.t_[2] = tj1;
+    p.t_[3] = tv;
+    p.t_[4] = tj2;
+    p.t_[5] = tdc;
+    p.t_[6] = tj2;
+    p.ta_ = 2 * tj1 + tac;
+    p.td_ = 2 * tj2 + tdc;
+    p.ttotal_ = p.ta_ + tv + p.td_;
+}
+
+// Jerk that covers distance_ in the stored durations; 0 for a profile of no
+// duration (nothing to divide by).
+double FittedJerk(SpeedProfile& p) {
+    return std::fabs(p.ttotal_) < 1e-5 ? 0.0 : recalculate_profile1(p.distance_, p.t_);
+}
+
 }  // namespace
 
 double bisection_method_f1(double lo, double hi, double a, double jerk, double vstart,
@@ -215,36 +236,14 @@ void SpeedProfile::calculate_jerk_limit_profile_time() {
         }
     }
 
-    t_[0] = tj1;
-    t_[1] = tac;
-    t_[2] = tj1;
-    t_[3] = tv;
-    t_[4] = tj2;
-    t_[5] = tdc;
-    t_[6] = tj2;
-    ta_ = 2 * tj1 + tac;
-    td_ = 2 * tj2 + tdc;
-    ttotal_ = ta_ + tv + td_;
+    StoreDurations(*this, tj1, tac, tv, tj2, tdc);
 }
 
 void SpeedProfile::time_rounding() {
-    const double tj1 = RoundUpToPeriod(t_[0]);
-    const double tac = RoundUpToPeriod(t_[1]);
-    const double tv = RoundUpToPeriod(t_[3]);
-    const double tj2 = RoundUpToPeriod(t_[4]);
-    const double tdc = RoundUpToPeriod(t_[5]);
-    t_[0] = tj1;
-    t_[1] = tac;
-    t_[2] = tj1;
-    t_[3] = tv;
-    t_[4] = tj2;
-    t_[5] = tdc;
-    t_[6] = tj2;
-    ta_ = 2 * tj1 + tac;
-    td_ = 2 * tj2 + tdc;
-    ttotal_ = ta_ + tv + td_;
+    StoreDurations(*this, RoundUpToPeriod(t_[0]), RoundUpToPeriod(t_[1]), RoundUpToPeriod(t_[3]),
+                   RoundUpToPeriod(t_[4]), RoundUpToPeriod(t_[5]));
     // The longer durations need a smaller jerk to cover the same distance.
-    jerk_ = std::fabs(ttotal_) < 1e-5 ? 0.0 : recalculate_profile1(distance_, t_);
+    jerk_ = FittedJerk(*this);
 }
 
 void SpeedProfile::calculate_flow_parameters() {
@@ -305,7 +304,7 @@ void SpeedProfile::recalculate_profile(double* times) {
     ta_ = 2 * t_[0] + t_[1];
     td_ = 2 * t_[4] + t_[5];
     ttotal_ = ta_ + t_[3] + td_;
-    jerk_ = std::fabs(ttotal_) < 1e-5 ? 0.0 : recalculate_profile1(distance_, t_);
+    jerk_ = FittedJerk(*this);
     calculate_flow_parameters();
 }
 
