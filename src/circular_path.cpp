@@ -93,14 +93,8 @@ void CircularPath::SetParameters(double* start, double* mid, double* end, double
         mid_pose_[i] = mid[i];
         end_pose_[i] = end[i];
     }
-    linear_limits_[0] = vlin;
-    linear_limits_[1] = alin;
-    linear_limits_[2] = dlin;
-    linear_limits_[3] = jlin;
-    rotation_limits_[0] = vrot;
-    rotation_limits_[1] = arot;
-    rotation_limits_[2] = drot;
-    rotation_limits_[3] = jrot;
+    SetProfileLimits(linear_limits_, vlin, alin, dlin, jlin);
+    SetProfileLimits(rotation_limits_, vrot, arot, drot, jrot);
 }
 
 void CircularPath::InterpolationPreprocess() {

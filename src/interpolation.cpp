@@ -202,14 +202,8 @@ void LinearPath::SetParameters(double* start, double* end, double vlin, double a
         start_pose_[i] = start[i];
         end_pose_[i] = end[i];
     }
-    linear_limits_[0] = vlin;
-    linear_limits_[1] = alin;
-    linear_limits_[2] = dlin;
-    linear_limits_[3] = jlin;
-    rotation_limits_[0] = vrot;
-    rotation_limits_[1] = arot;
-    rotation_limits_[2] = drot;
-    rotation_limits_[3] = jrot;
+    SetProfileLimits(linear_limits_, vlin, alin, dlin, jlin);
+    SetProfileLimits(rotation_limits_, vrot, arot, drot, jrot);
 }
 
 SpeedProfile* PlanCartesianProfiles(double length, const double* linear_limits, double angle,

@@ -41,6 +41,15 @@ struct JointPath {
     double Interpolation(double t);
 };
 
+// Limits of one Cartesian profile in the order the segments keep them:
+// speed, acceleration, deceleration, jerk.
+inline void SetProfileLimits(double* out, double speed, double acceleration, double deceleration, double jerk) {
+    out[0] = speed;
+    out[1] = acceleration;
+    out[2] = deceleration;
+    out[3] = jerk;
+}
+
 // Straight line between two poses; the slower of the translation and the
 // rotation profile governs both. Starts zeroed.
 struct LinearPath {
