@@ -78,6 +78,18 @@ std::list<InstructionUnit> DecodeLines(const std::vector<std::string>& lines) {
     return list;
 }
 
+void SimulatedArmTest::BootArm(void (*sleep)(double)) {
+    dir_ = std::make_unique<ScratchDir>();
+    std::string out;
+    ASSERT_EQ(BootSimulatedArm(sleep, &out), 0) << out;
+}
+
+void SimulatedArmTest::TearDown() {
+    EXPECT_EQ(tql_sim_beyond_limit_count(), 0);
+    RestoreRealTime();
+    dir_.reset();
+}
+
 void RestoreRealTime() {
     tql::SetSleepFunction(nullptr);
     tql::SetClockFunction(nullptr);

@@ -3,7 +3,10 @@
 #ifndef TQL_TEST_SUPPORT_H
 #define TQL_TEST_SUPPORT_H
 
+#include <gtest/gtest.h>
+
 #include <list>
+#include <memory>
 #include <string>
 #include <utility>
 #include <vector>
@@ -54,6 +57,28 @@ HostRun RunHost(const std::string& dir, const std::vector<std::string>& args,
 int BootSimulatedArm(void (*sleep)(double) = nullptr, std::string* out = nullptr);
 // Gives the library back its real sleep and clock.
 void RestoreRealTime();
+
+// Runs f() with standard output captured into *out (when given); returns f's result.
+template <typename F>
+int Quiet(F f, std::string* out = nullptr) {
+    testing::internal::CaptureStdout();
+    const int r = f();
+    const std::string printed = testing::internal::GetCapturedStdout();
+    if (out != nullptr) *out = printed;
+    return r;
+}
+
+// Base of tests that drive the booted robot on the simulated arm in virtual
+// time. SetUp of a derived fixture calls ASSERT_NO_FATAL_FAILURE(BootArm(...)).
+// TearDown checks that the flight recorder saw no set-point beyond any
+// actuator's limits, then restores real time and leaves the scratch directory.
+class SimulatedArmTest : public testing::Test {
+protected:
+    void BootArm(void (*sleep)(double) = nullptr);
+    void TearDown() override;
+
+    std::unique_ptr<ScratchDir> dir_;
+};
 
 }  // namespace tqltest
 

@@ -27,6 +27,7 @@ constexpr int kJoints = 6;
 constexpr double kDeg = 0.017453292222222222;  // 3.1415926 / 180
 constexpr double kPi = 3.14159265358979;
 
+using tqltest::Quiet;
 using Joints = std::array<double, kJoints>;
 
 // The real-time position after each period's sleep holds what was sent.
@@ -43,15 +44,6 @@ void SpySleep(double seconds) {
         if (static_cast<long>(spy.sent.size()) == spy.stop_at) std::thread([] { SetStopFlag(); }).join();
     }
     tql_sim_sleep(seconds);
-}
-
-template <typename F>
-int Quiet(F f, std::string* out = nullptr) {
-    testing::internal::CaptureStdout();
-    const int r = f();
-    const std::string printed = testing::internal::GetCapturedStdout();
-    if (out != nullptr) *out = printed;
-    return r;
 }
 
 struct Frame {
@@ -86,13 +78,12 @@ KDL::Rotation Geodesic(const KDL::Rotation& r0, const KDL::Rotation& r1, double 
 
 double Distance3(const double* a, const double* b) { return std::hypot(a[0] - b[0], a[1] - b[1], a[2] - b[2]); }
 
-class CartesianMoves : public ::testing::Test {
+class CartesianMoves : public tqltest::SimulatedArmTest {
 protected:
     void SetUp() override {
-        dir_ = std::make_unique<tqltest::ScratchDir>();
         spy = Spy();
+        ASSERT_NO_FATAL_FAILURE(BootArm(&SpySleep));
         std::string out;
-        ASSERT_EQ(tqltest::BootSimulatedArm(&SpySleep, &out), 0) << out;
         robot_ = GetCurrentRobot();
         robot_->GetLineSpeedAccDecParameters(&line_);
         robot_->GetRotateSpeedAccDecParameters(&rotate_);
@@ -101,12 +92,6 @@ protected:
         Joints target = {10 * kDeg, 25 * kDeg, 60 * kDeg, 5 * kDeg, -70 * kDeg, 15 * kDeg};
         ASSERT_EQ(Quiet([&] { return MoveToSpecifiedPosition(target.data()); }, &out), 0) << out;
         spy.sent.clear();
-    }
-    void TearDown() override {
-        // The flight recorder saw no set-point beyond any actuator's limits.
-        EXPECT_EQ(tql_sim_beyond_limit_count(), 0);
-        tqltest::RestoreRealTime();
-        dir_.reset();
     }
     Joints Current() {
         Joints q;
@@ -149,7 +134,6 @@ protected:
         return last_s;
     }
 
-    std::unique_ptr<tqltest::ScratchDir> dir_;
     Robot* robot_ = nullptr;
     AccDecDate line_, rotate_;
 };

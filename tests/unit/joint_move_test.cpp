@@ -22,6 +22,7 @@ namespace {
 constexpr int kJoints = 6;
 constexpr double kDeg = 0.017453292222222222;  // 3.1415926 / 180
 
+using tqltest::Quiet;
 using Joints = std::array<double, kJoints>;
 
 // Every motion loop sleeps one period after each tick's set-points were sent;
@@ -44,15 +45,6 @@ void SpySleep(double seconds) {
     tql_sim_sleep(seconds);
 }
 
-template <typename F>
-int Quiet(F f, std::string* out = nullptr) {
-    testing::internal::CaptureStdout();
-    const int r = f();
-    const std::string printed = testing::internal::GetCapturedStdout();
-    if (out != nullptr) *out = printed;
-    return r;
-}
-
 // Largest speed of joint j over the set-points sent since `from` (rad/s).
 double PeakSpeed(const Joints& from, int j) {
     double peak = 0.0, last = from[j];
@@ -63,22 +55,14 @@ double PeakSpeed(const Joints& from, int j) {
     return peak;
 }
 
-class JointMoves : public ::testing::Test {
+class JointMoves : public tqltest::SimulatedArmTest {
 protected:
     void SetUp() override {
-        dir_ = std::make_unique<tqltest::ScratchDir>();
         spy = Spy();
-        std::string out;
-        ASSERT_EQ(tqltest::BootSimulatedArm(&SpySleep, &out), 0) << out;
+        ASSERT_NO_FATAL_FAILURE(BootArm(&SpySleep));
         robot_ = GetCurrentRobot();
         robot_->GetJointSpeedAccDecParameters(limits_);
         spy.sent.clear();
-    }
-    void TearDown() override {
-        // The flight recorder saw no set-point beyond any actuator's limits.
-        EXPECT_EQ(tql_sim_beyond_limit_count(), 0);
-        tqltest::RestoreRealTime();
-        dir_.reset();
     }
     Joints Current() {
         Joints q;
@@ -89,7 +73,6 @@ protected:
         return Quiet([&] { return MoveJointPath(robot_, start.data(), target.data(), limits_); }, out);
     }
 
-    std::unique_ptr<tqltest::ScratchDir> dir_;
     Robot* robot_ = nullptr;
     AccDecDate limits_[kMaxJointNum];
 };

@@ -53,25 +53,22 @@ void SpySleep(double seconds) {
     tql_sim_sleep(seconds);
 }
 
-class Runners : public ::testing::Test {
+class Runners : public tqltest::SimulatedArmTest {
 protected:
     void SetUp() override {
-        dir_ = std::make_unique<tqltest::ScratchDir>();
         spy = Spy();
-        std::string out;
-        ASSERT_EQ(tqltest::BootSimulatedArm(&SpySleep, &out), 0) << out;
+        ASSERT_NO_FATAL_FAILURE(BootArm(&SpySleep));
         robot_ = GetCurrentRobot();
         SetReplayOverride(1.0);
         ASSERT_EQ(SetSpeedOverride(), 0);
         table_.reset(new InterpolationData[kInterpolationTableSize]);
     }
     void TearDown() override {
-        tqltest::RestoreRealTime();
         SetOperationCycleMode(CYCLE);
         SetSmoothReplay(false);
         SetReplayOverride(1.0);
         InitSpeedOverride();
-        dir_.reset();
+        SimulatedArmTest::TearDown();
     }
     // Converts the lines into the table from the arm's present joints.
     int Load(const std::vector<std::string>& lines) {
@@ -112,7 +109,6 @@ protected:
         for (int j = 0; j < kJoints; ++j) EXPECT_NEAR(now[j], q_rad[j], tol_rad) << "joint " << j + 1;
     }
 
-    std::unique_ptr<tqltest::ScratchDir> dir_;
     Robot* robot_ = nullptr;
     std::unique_ptr<InterpolationData[]> table_;
     std::string out_;
