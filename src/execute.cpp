@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "database.h"
+#include "dynamics.h"
 #include "math_fun.h"
 #include "timing.h"
 
@@ -40,10 +41,14 @@ int NotYetAvailable() {
     return -1;
 }
 
-// Only the program run (mode4) is built; every other mode word names a job
-// that is not.
+// Repetitions of the excitation in an identification run.
+constexpr int kExcitationRepetitions = 16;
+
+// The program run (mode4) and the identification run (admin) are built; every
+// other mode word names a job that is not.
 int Dispatch(const std::string& word) {
     if (word == "mode4") return ExecuteFileInstruction(GetCurrentRobot(), kProgramFileName);
+    if (word == "admin") return MoveExcitationTrajectories(GetCurrentRobot(), kExcitationRepetitions);
     if (IsModeWord(word.c_str())) return NotYetAvailable();
     std::cout << "Input error" << std::endl;
     return -1;

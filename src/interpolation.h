@@ -18,6 +18,8 @@
 #ifndef TQL_INTERPOLATION_H
 #define TQL_INTERPOLATION_H
 
+#include <string>
+
 #include "mechnical_unit.h"
 #include "speed_profile.h"
 
@@ -174,6 +176,13 @@ int JogInJointCoordinateSystem(int joint, double step);
 // `step` degrees, keeping the flange position. -1 for a bad axis, a step that
 // is not a finite number, an unreachable target or a kinematics failure.
 int JogInCartesianCoordinateSystem(int axis, double step);
+
+// ---- trajectory files
+
+// Writes rows x cols values, row-major, one line per row, "," between values,
+// six significant digits. The file appears whole or not at all. 0, or -1
+// (reported through the error channel) when it cannot be written.
+int SaveMatrixToFile(std::string file_name, double* data, int rows, int cols);
 
 // Program move table runners (declared beside the segments they stream).
 #include "path_list.h"

@@ -39,4 +39,16 @@ void fk_ur(const double* q, double T[4][4], const double* L);
 // standard output.
 int ik_ur(double* q, double T[4][4], double* L);
 
+// Geometric Jacobian of the flange (generated code, tools/gen_dynamics.py).
+// a[6], d[6]: the joints' modified-DH link lengths and offsets in one length
+// unit (the joints' own millimetres, or metres), joint 1 first:
+//   a = (0, 0, a2, a3, 0, 0), d = (d1, 0, 0, d4, d5, d6) for this arm;
+// the twist angles are fixed (0, pi/2, 0, 0, -pi/2, pi/2). q: user-zero joint
+// angles (rad); the model shifts joints 2 and 4 by the full-precision pi/2 as
+// fk_ur does. J: 6 x 6, row-major (J[6 * row + column]), column j the effect
+// of joint j's rate. Rows 0..2: linear velocity of the flange origin in the
+// base frame (length unit per radian); rows 3..5: angular velocity in the
+// base frame (rad/rad).
+void calculate_jacobian_ur(const double* a, const double* d, const double* q, double* J);
+
 #endif  // TQL_KINEMATICS_H

@@ -122,6 +122,18 @@ public:
     // q holds the seed on entry and the solution on success.
     int InverseKinematics(double* q, double* pose);
 
+    // Joint torques [N*m] of the dynamic model for user-zero q, dq, ddq, with
+    // the robot's own geometry and the parameter record's 36 parameters.
+    // 0, or -1 (with a message) for robot types without a dynamic model.
+    int InverseDynamics(double* q, double* dq, double* ddq, double* tau);
+    // Sends the model's static torques at q, times the gain, as current
+    // set-points. dq is not used. 0, or -1 when sending fails.
+    int GravityCompensation(double* q, double* dq);
+    // One 4 ms step of the collision observer. q_prev: joint angles of the
+    // previous step; tau: the joints' present torques [N*m]; spare: unused.
+    // 0, or -1 (with a message) at the first joint beyond its threshold.
+    int CollisionDetection(double* q_prev, double* q, double* dq, double* tau, double* spare);
+
     int joint_num_ = 0;
     int robot_type_ = 0;
     AccDecDate rotate_speed_data_;  // rad/s, rad/s^2, rad/s^3

@@ -1,0 +1,130 @@
+// The dynamic model over the generated regressor, gravity compensation and
+// the generalised-momentum collision observer.
+#include "dynamics.h"
+
+#include <cmath>
+#include <iostream>
+
+#include "database.h"
+#include "math_fun.h"
+
+namespace {
+
+// Model shift of joints 2 and 4 (the system's truncated pi/2).
+constexpr double kHalfPi = 1.5707963;
+// Fixed twist angles of the six-axis model, radians.
+constexpr double kAlpha[kDynamicsJointNum] = {0.0, 1.5707963, 0.0, 0.0, -1.5707963, 1.5707963};
+
+// Gravity-compensation gain accepted as it is; anything else reads 1.0.
+constexpr double kMinGravityGain = 0.4999999;
+constexpr double kMaxGravityGain = 1.50001;
+
+// Collision observer: sample period [s], gain [1/s], safety multiplier, and
+// the joints' base thresholds of the residual [N*m], joint 1 first.
+constexpr double kObserverPeriod = 0.004;
+constexpr double kObserverGain = 500.0;
+constexpr double kObserverSafety = 1.5;
+constexpr double kCollisionThreshold[kDynamicsJointNum] = {120.413, 107.86, 68.3858, 72.4671, 32.6425, 16.3231};
+
+// Observer state: the running integral [N*m*s] and the residual, the estimate
+// of the external torque on each joint [N*m]. Only one thread runs the observer.
+double tmp_intg[kDynamicsJointNum] = {};
+double r_ext[kDynamicsJointNum] = {};
+
+// a, d [m] from the joints' modified-DH values (held in mm).
+void GeometryInMetres(const Robot& robot, double* a, double* d) {
+    for (int i = 0; i < kDynamicsJointNum; ++i) {
+        a[i] = robot.link_[i].mdh_[2] / 1000.0;
+        d[i] = robot.link_[i].mdh_[3] / 1000.0;
+    }
+}
+
+}  // namespace
+
+double signd(double x) {
+    if (x > 1e-5) return 1.0;
+    if (x < -1e-5) return -1.0;
+    return 0.0;
+}
+
+void InverserDynamicsUr(double* a, double* d, double* q, double* dq, double* ddq, double* tau, double* P) {
+    double theta[kDynamicsJointNum];
+    for (int i = 0; i < kDynamicsJointNum; ++i) theta[i] = q[i];
+    theta[1] += kHalfPi;
+    theta[3] -= kHalfPi;
+    double Y[kDynamicsJointNum][kBaseParameterNum];
+    parameter_linearization(theta, dq, ddq, a, kAlpha, d, Y);
+    mul_matrix(&Y[0][0], P, tau, kDynamicsJointNum, kBaseParameterNum, 1);
+}
+
+int Robot::InverseDynamics(double* q, double* dq, double* ddq, double* tau) {
+    if (robot_type_ != kTypeGL_6L3) {
+        std::cout << "Wait to add..." << std::endl;
+        return -1;
+    }
+    double a[kDynamicsJointNum], d[kDynamicsJointNum];
+    GeometryInMetres(*this, a, d);
+    InverserDynamicsUr(a, d, q, dq, ddq, tau, GetResourceDate()->dynamic_parameters);
+    return 0;
+}
+
+int Robot::GravityCompensation(double* q, double* /*dq*/) {
+    if (robot_type_ != kTypeGL_6L3) return 0;
+    double a[kDynamicsJointNum], d[kDynamicsJointNum];
+    GeometryInMetres(*this, a, d);
+    double zero[kDynamicsJointNum] = {};
+    double tau[kDynamicsJointNum];
+    ResourceData* rd = GetResourceDate();
+    InverserDynamicsUr(a, d, q, zero, zero, tau, rd->dynamic_parameters);
+    double gain = rd->gravity_gain;
+    // Written so that a NaN gain falls back to 1.0 as well.
+    if (!(gain >= kMinGravityGain && gain <= kMaxGravityGain)) gain = 1.0;
+    scaling(tau, gain, kDynamicsJointNum);
+    return SetMachineTorque(tau) < 0 ? -1 : 0;
+}
+
+void InitC() {
+    for (int i = 0; i < kDynamicsJointNum; ++i) {
+        r_ext[i] = 0.0;
+        tmp_intg[i] = 0.0;
+    }
+}
+
+const double* GetCollisionResidual() { return r_ext; }
+
+int Robot::CollisionDetection(double* q_prev, double* q, double* dq, double* tau, double* /*spare*/) {
+    if (robot_type_ != kTypeGL_6L3) return 0;
+    double a[kDynamicsJointNum], d[kDynamicsJointNum];
+    GeometryInMetres(*this, a, d);
+    double* P = GetResourceDate()->dynamic_parameters;
+    double zero[kDynamicsJointNum] = {};
+    // A: Coriolis, gravity (and the model's velocity terms); G, G': static
+    // torques now and one period ago; B - G = M(q) dq, the generalised momentum
+    // (dq passed as an acceleration), and the same at q_prev.
+    double A[kDynamicsJointNum], G[kDynamicsJointNum], B[kDynamicsJointNum];
+    double G_prev[kDynamicsJointNum], B_prev[kDynamicsJointNum];
+    InverserDynamicsUr(a, d, q, dq, zero, A, P);
+    InverserDynamicsUr(a, d, q, zero, zero, G, P);
+    InverserDynamicsUr(a, d, q, zero, dq, B, P);
+    InverserDynamicsUr(a, d, q_prev, zero, zero, G_prev, P);
+    InverserDynamicsUr(a, d, q_prev, zero, dq, B_prev, P);
+
+    double p[kDynamicsJointNum];
+    for (int i = 0; i < kDynamicsJointNum; ++i) {
+        p[i] = B[i] - G[i];
+        const double p_prev = B_prev[i] - G_prev[i];
+        // Coriolis, gravity and friction less the finite-difference dM/dt * dq.
+        const double beta = A[i] - (p[i] - p_prev) / kObserverPeriod;
+        tmp_intg[i] += (tau[i] - beta + r_ext[i]) * kObserverPeriod;
+        r_ext[i] = (p[i] - tmp_intg[i]) * kObserverGain;
+    }
+    const double sensitivity = GetResourceDate()->collision_factor;
+    const int n = joint_num_ < kDynamicsJointNum ? joint_num_ : kDynamicsJointNum;
+    for (int i = 0; i < n; ++i) {
+        if (std::fabs(r_ext[i]) > sensitivity * kCollisionThreshold[i] * kObserverSafety) {
+            std::cout << (i + 1) << "  CollisionDetection." << std::endl;
+            return -1;
+        }
+    }
+    return 0;
+}
