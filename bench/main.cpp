@@ -1,6 +1,7 @@
 // Runs every benchmark of the binary, then prints how the library compares
-// with KDL on the same arm and poses, and what share of the 4 ms control
-// period one tick of a linear move takes.
+// with KDL on the same arm and states, what share of the 4 ms control period
+// a linear-move tick and a collision-observer step take, and how much faster
+// than real time the physical simulation runs.
 #include <benchmark/benchmark.h>
 
 #include <cstdio>
@@ -28,9 +29,12 @@ public:
         std::printf("\n");
         Ratio("ik_ur is", "BM_KdlIkLma", "BM_ik_ur", "times faster than KDL ChainIkSolverPos_LMA");
         Ratio("fk_ur is", "BM_KdlFkRecursive", "BM_fk_ur", "times faster than KDL ChainFkSolverPos_recursive");
-        auto tick = ns_.find("BM_LinearMoveTick");
-        if (tick != ns_.end())
-            std::printf("one linear-move tick takes %.4f %% of the 4 ms control period\n", tick->second / 4e6 * 100.0);
+        Ratio("InverserDynamicsUr is", "BM_KdlRne", "BM_InverserDynamicsUr", "times faster than KDL ChainIdSolver_RNE");
+        ShareOfPeriod("one linear-move tick", "BM_LinearMoveTick");
+        ShareOfPeriod("one collision-observer step", "BM_CollisionDetection");
+        auto sim = ns_.find("BM_SimulatedPeriod");
+        if (sim != ns_.end() && sim->second > 0)
+            std::printf("the physical simulation runs %.0f times faster than real time\n", 4e6 / sim->second);
     }
 
 private:
@@ -38,6 +42,11 @@ private:
         auto s = ns_.find(slow), f = ns_.find(fast);
         if (s == ns_.end() || f == ns_.end() || f->second <= 0) return;
         std::printf("%s %.1f %s\n", what, s->second / f->second, text);
+    }
+
+    void ShareOfPeriod(const char* what, const char* name) const {
+        auto it = ns_.find(name);
+        if (it != ns_.end()) std::printf("%s takes %.4f %% of the 4 ms control period\n", what, it->second / 4e6 * 100.0);
     }
 
     std::map<std::string, double> ns_;

@@ -38,8 +38,11 @@ INSERT INTO GL_6L3 VALUES (9, 'rotate_jerk_deg_s3', '1800');
 INSERT INTO GL_6L3 VALUES (10, 'joint_reserved', '[0,0,0,0,0,0]');
 INSERT INTO GL_6L3 VALUES (11, 'joint_direction', '[1,1,-1,1,-1,1]');
 INSERT INTO GL_6L3 VALUES (12, 'kinematic_lengths_mm', '[152.0,244.0,213.0,112.0,85.0,82.0]');
-INSERT INTO GL_6L3 VALUES (13, 'dynamic_parameters', '[0,0,0,0,0,0,0,0,0,0,0,0,0,0,0,0,0,0,0,0,0,0,0,0,0,0,0,0,0,0,0,0,0,0,0,0]');
-INSERT INTO GL_6L3 VALUES (14, 'identification_parameters', '[0,0,0,0,0,0]');
+-- Rows 13 and 14 are filled at build time: the 36 base dynamic parameters
+-- and the joints' viscous and Coulomb friction of the simulated arm (from
+-- arm.urdf), and the excitation coefficients designed by tql-excite.
+INSERT INTO GL_6L3 VALUES (13, 'dynamic_parameters', '[0]');
+INSERT INTO GL_6L3 VALUES (14, 'identification_parameters', '[0]');
 
 CREATE TABLE GL_2P8_P6_3P3 (ID INTEGER PRIMARY KEY NOT NULL, NAME TEXT NOT NULL, VALUE TEXT NOT NULL);
 INSERT INTO GL_2P8_P6_3P3 VALUES (1, 'joint_speed_deg_s', '[90,90,90,120,120,120]');

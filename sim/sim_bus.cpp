@@ -24,11 +24,6 @@ std::string CurrentDirectory() {
     return buf;
 }
 
-std::string InDirectory(const std::string& dir, const std::string& path) {
-    if (!path.empty() && path[0] == '/') return path;
-    return dir + "/" + path;
-}
-
 // At process exit: the arm keeps its state, and a recording ends with its
 // one-line summary on standard error.
 void OnExit() {
@@ -58,10 +53,16 @@ SimActuator MakeActuator(const Config& config, const PersistedState& persisted, 
     a.live = a.saved;
     a.seen_position = ReportedPosition(a);
     a.reference_setpoint = a.seen_position;
+    RestartReference(a, 0.0);
     return a;
 }
 
 }  // namespace
+
+std::string InDirectory(const std::string& dir, const std::string& path) {
+    if (!path.empty() && path[0] == '/') return path;
+    return dir + "/" + path;
+}
 
 Bus& TheBus() {
     // Never destroyed, so the exit handler finds it whatever the order of exit work.
@@ -88,6 +89,7 @@ void LoadBus(Bus& bus) {
     bus.beyond_limit_count = 0;
     bus.error_callbacks.clear();
     bus.para_callbacks.clear();
+    LoadPhysics(bus);
 
     if (!bus.config.record_path.empty()) {
         const std::string path = InDirectory(bus.directory, bus.config.record_path);
@@ -161,6 +163,7 @@ BusCall::BusCall() : bus(TheBus()), now(0.0), lock_(TheBus().mutex) {
     if (!bus.loaded) LoadBus(bus);
     now = BusNow();
     for (SimActuator& a : bus.actuators) Advance(a, now);
+    AdvanceWorld(bus, now);
     for (ErrorFault& f : bus.config.faults.errors) {
         if (f.fired || !f.by_time || now < f.at_time) continue;
         f.fired = true;
@@ -190,6 +193,7 @@ BusCall::~BusCall() {
 void RecordCommand(BusCall& call, int id, const char* command, double value) {
     const SimActuator* a = FindActuator(call.bus, static_cast<uint8_t>(id));
     ++call.bus.command_count;
+    ++call.bus.physics.generation;  // the readings' commanded motion may change
     call.bus.recorder.Row(call.now, id, a != nullptr ? a->mode : 0, command, value);
 }
 
@@ -199,6 +203,7 @@ void RaiseError(BusCall& call, SimActuator& a, uint32_t code) {
     // A faulted actuator stops where it is.
     a.step_time = -1.0;
     a.velocity_command = 0.0;
+    ++call.bus.physics.generation;
     if (!already) call.errors.push_back(ErrorNotice{a.id, code});
 }
 
@@ -209,9 +214,9 @@ double ClampToLimits(const SimActuator& a, double reported) {
     return std::min(std::max(reported, a.live.min_position), a.live.max_position);
 }
 
-namespace {
-
 bool Moving(const SimActuator& a) { return a.enabled && a.error_word == 0; }
+
+namespace {
 
 double CommandedRpm(const SimActuator& a) {
     const double lim = std::fabs(a.live.velocity_limit);
@@ -228,8 +233,9 @@ void Advance(SimActuator& a, double now) {
     a.raw_position = ClampToLimits(a, reported) + a.homing_offset;
 }
 
-double LiveVelocity(const SimActuator& a, double now) {
+double LiveVelocity(Bus& bus, const SimActuator& a, double now) {
     if (!Moving(a)) return 0.0;
+    if (a.mode == Actuator::Mode_Cur) return WorldRpm(bus, a);
     if (a.mode == Actuator::Mode_Pos)
         return (a.step_time >= 0.0 && now - a.step_time <= kMotionHold + 1e-12) ? a.step_velocity : 0.0;
     if (a.mode == Actuator::Mode_Vel) {
@@ -243,14 +249,23 @@ double LiveVelocity(const SimActuator& a, double now) {
     return 0.0;
 }
 
-double LiveCurrent(const SimActuator& a) {
-    return (Moving(a) && a.mode == Actuator::Mode_Cur) ? a.current_command : 0.0;
-}
-
 void RestartReference(SimActuator& a, double now) {
     a.reference_setpoint = ReportedPosition(a);
     a.reference_time = now;
     a.step_time = -1.0;
+    for (int k = 0; k < 3; ++k) {
+        a.applied_raw[k] = a.raw_position;
+        a.applied_time[k] = now;
+    }
+}
+
+void NoteAppliedSetpoint(SimActuator& a, double raw, double now) {
+    for (int k = 2; k > 0; --k) {
+        a.applied_raw[k] = a.applied_raw[k - 1];
+        a.applied_time[k] = a.applied_time[k - 1];
+    }
+    a.applied_raw[0] = raw;
+    a.applied_time[0] = now;
 }
 
 }  // namespace tqlsim

@@ -12,10 +12,12 @@
 #include <cstdio>
 #include <map>
 #include <mutex>
+#include <random>
 #include <string>
 #include <vector>
 
 #include "actuatorcontroller.h"
+#include "sim_world.h"
 
 namespace tqlsim {
 
@@ -40,6 +42,20 @@ struct Settings {
     double velocity_kp = 12.0;
     double velocity_ki = 0.01;
     double lock_energy = 20000000.0;
+};
+
+// Drive train and current sensor of one actuator, as the physical world sees
+// them. Joint angle [rad] = raw position [rev] * direction / reduction_ratio *
+// 2*pi; joint torque [N*m] = current [A] * torque_constant * direction.
+struct Drive {
+    double reduction_ratio = 36.0;    // actuator turns per joint turn
+    double torque_constant = 1.0623;  // joint N*m per ampere
+    double direction = 1.0;           // mounting direction, +1 or -1
+    double current_noise = 0.02;      // reading noise, standard deviation / peak_current
+    double peak_current = 10.0;       // A
+    double noise_seed = 1.0;          // seed of the reading noise (a whole number)
+    double hand_stiffness = 40.0;     // scripted hand's spring, N*m/rad
+    double hand_damping = 2.0;        // and damper, N*m*s/rad
 };
 
 // An error word that appears on one actuator at a set-point count or a time.
@@ -70,9 +86,14 @@ struct Config {
     double initial_position = 0.0;
     std::map<uint8_t, double> initial_per_id;
     Faults faults;
+    std::string urdf_path = "arm.urdf";  // the world; empty: no physics (kinematic arm)
+    std::string hand_path;              // scripted operator hand (CSV); empty: none
+    Drive drive;                        // every actuator's drive train ...
+    std::map<uint8_t, Drive> drive_per_id;  // ... unless given for one actuator
 
     const Settings& FactorySettings(uint8_t id) const;
     double InitialPosition(uint8_t id) const;
+    const Drive& DriveOf(uint8_t id) const;
 };
 
 // What sim_state.txt keeps of one actuator.
@@ -97,6 +118,9 @@ struct SimActuator {
     double step_time = -1.0;        // bus time of that step
     double velocity_command = 0.0;  // rpm, velocity mode
     double current_command = 0.0;   // A, current mode
+    // A drive switched into current mode keeps holding its position until its
+    // first current set-point arrives, so a mode switch never drops the arm.
+    bool current_received = false;
 
     // The command stream: previous position set-point (reported frame) and its
     // time, restarted at the present position on enable and mode switches.
@@ -105,6 +129,12 @@ struct SimActuator {
     long setpoint_count = 0;
     double last_setpoint = 0.0;
     bool has_setpoint = false;
+    // Position set-points applied in position mode, newest first: raw
+    // revolutions and bus time (the commanded motion of the inverse dynamics;
+    // a restart fills them with the present position).
+    double applied_raw[3] = {0.0, 0.0, 0.0};
+    double applied_time[3] = {-1.0, -1.0, -1.0};
+    int joint = -1;  // world joint it drives, -1 without physics
 
     Settings live;   // in RAM
     Settings saved;  // in flash
@@ -141,6 +171,34 @@ private:
     std::FILE* file_ = nullptr;
 };
 
+// One row of the scripted operator hand: seconds since the first switch to
+// current mode, joint targets in rad (NaN: that joint is not held).
+struct HandRow {
+    double time = 0.0;
+    std::vector<double> target;
+};
+
+// The physical world as the bus uses it; everything indexed by world joint.
+struct Physics {
+    World world;  // loaded: physics on
+    std::vector<Drive> drive;
+    std::vector<std::mt19937_64> rng;  // reading noise, one stream per joint
+    std::vector<std::normal_distribution<double>> gauss;
+    double time = 0.0;                // bus time the world state refers to
+    std::vector<char> was_free;       // free at the previous advance
+    std::vector<double> synced_raw;   // raw position last taken from / written by the world
+    // Inverse dynamics readings (A, no noise), valid for one bus time and
+    // command generation (every command bumps it).
+    long generation = 0;
+    double cache_time = -1.0;
+    long cache_generation = -1;
+    std::vector<double> cached_current;
+    std::vector<double> q, dq, ddq, tau;  // work space
+    std::vector<HandRow> hand;
+    size_t hand_row = 0;  // interpolation cursor
+    double hand_origin = -1.0;  // bus time of the first switch to current mode, -1 before
+};
+
 struct Bus {
     std::mutex mutex;
     bool loaded = false;
@@ -154,6 +212,7 @@ struct Bus {
     long beyond_limit_count = 0;
     std::vector<ActuatorController::ErrorCallback> error_callbacks;
     std::vector<ActuatorController::ParaRequestCallback> para_callbacks;
+    Physics physics;
 };
 
 // The one bus of the process (never destroyed: the exit handler uses it).
@@ -166,6 +225,8 @@ void LoadBus(Bus& bus);
 bool SaveBusState(Bus& bus);
 SimActuator* FindActuator(Bus& bus, uint8_t id);
 std::string ErrorText(uint32_t code);
+// `path` relative to `dir` unless absolute.
+std::string InDirectory(const std::string& dir, const std::string& path);
 
 // One call into the bus: holds the lock (loading the bus on first use),
 // brings every actuator's motion up to the bus clock and raises errors that
@@ -197,10 +258,32 @@ double ReportedPosition(const SimActuator& a);
 // A reported position held inside the actuator's limits (unchanged when the
 // limits are unusable, min > max).
 double ClampToLimits(const SimActuator& a, double reported);
-double LiveVelocity(const SimActuator& a, double now);
-double LiveCurrent(const SimActuator& a);
+// Enabled and free of errors: it obeys commands and draws current.
+bool Moving(const SimActuator& a);
+// Readings: rpm (position mode: the last step, velocity mode: the command,
+// current mode with physics: the world's rate) and amperes (with physics: the
+// inverse dynamics of the commanded motion, or the commanded current in
+// current mode, plus the seeded noise; without: the commanded current in
+// current mode, else 0). A reading draws from the actuator's noise stream.
+double LiveVelocity(Bus& bus, const SimActuator& a, double now);
+double LiveCurrent(Bus& bus, const SimActuator& a, double now);
 // Restarts the set-point reference at the present position (enable, mode switch).
 void RestartReference(SimActuator& a, double now);
+// An applied position-mode set-point (raw revolutions) enters the commanded motion.
+void NoteAppliedSetpoint(SimActuator& a, double raw, double now);
+
+// Physics (sim_physics.cpp). LoadPhysics builds the world for the loaded
+// actuators from config.urdf_path (problems reported once on standard error,
+// the bus then stays kinematic). AdvanceWorld brings the world to the bus
+// time: current-mode actuators move by forward dynamics. NoteCurrentMode
+// starts the hand's clock at the first switch to current mode.
+void LoadPhysics(Bus& bus);
+void AdvanceWorld(Bus& bus, double now);
+void NoteCurrentMode(Bus& bus, double now);
+// Joint angle of an actuator (rad): the world's when loaded, else converted.
+double JointAngle(const Bus& bus, const SimActuator& a);
+// A current-mode actuator's rate in the world, rpm (0 without physics).
+double WorldRpm(const Bus& bus, const SimActuator& a);
 
 // Configuration: sim.conf in `directory`, then the environment on top.
 // Problems are reported on standard error and the entry is ignored.

@@ -112,6 +112,27 @@ double* SettingField(Settings& s, const std::string& name) {
     return nullptr;
 }
 
+double* DriveField(Drive& d, const std::string& name) {
+    if (name == "reduction_ratio") return &d.reduction_ratio;
+    if (name == "torque_constant") return &d.torque_constant;
+    if (name == "direction") return &d.direction;
+    if (name == "current_noise") return &d.current_noise;
+    if (name == "peak_current") return &d.peak_current;
+    if (name == "noise_seed") return &d.noise_seed;
+    if (name == "hand_stiffness") return &d.hand_stiffness;
+    if (name == "hand_damping") return &d.hand_damping;
+    return nullptr;
+}
+
+// Values the world can use: ratios and constants positive, direction +-1,
+// noise, springs and dampers not negative, the seed a whole number.
+bool ValidDriveValue(const std::string& name, double v) {
+    if (name == "reduction_ratio" || name == "torque_constant" || name == "peak_current") return v > 0.0;
+    if (name == "direction") return v == 1.0 || v == -1.0;
+    if (name == "noise_seed") return v >= 0.0 && v <= 9007199254740992.0 && v == std::floor(v);
+    return v >= 0.0;
+}
+
 bool ParseClock(const std::string& value, bool* virtual_clock) {
     if (value == "virtual") {
         *virtual_clock = true;
@@ -148,7 +169,9 @@ struct ConfigDraft {
     std::vector<uint8_t> explicit_ids;
     int count = 6;
     std::map<uint8_t, std::map<std::string, double>> per_id_values;
+    std::map<uint8_t, std::map<std::string, double>> per_id_drive;
     std::string fault_text;
+    double noise_override = -1.0;  // TQL_SIM_NOISE, -1 when not set
 };
 
 bool ApplyKey(ConfigDraft& d, const std::string& key, const std::string& value) {
@@ -178,6 +201,14 @@ bool ApplyKey(ConfigDraft& d, const std::string& key, const std::string& value) 
         d.fault_text = value;
         return true;
     }
+    if (key == "urdf") {
+        c.urdf_path = value;
+        return true;
+    }
+    if (key == "hand") {
+        c.hand_path = value;
+        return true;
+    }
     std::string name;
     int id = 0;
     if (!SplitKey(key, &name, &id)) return false;
@@ -188,6 +219,14 @@ bool ApplyKey(ConfigDraft& d, const std::string& key, const std::string& value) 
             c.initial_position = v;
         else
             c.initial_per_id[static_cast<uint8_t>(id)] = v;
+        return true;
+    }
+    if (DriveField(c.drive, name) != nullptr) {
+        if (!ValidDriveValue(name, v)) return false;
+        if (id == 0)
+            *DriveField(c.drive, name) = v;
+        else
+            d.per_id_drive[static_cast<uint8_t>(id)][name] = v;
         return true;
     }
     if (SettingField(c.defaults, name) == nullptr) return false;
@@ -238,6 +277,15 @@ void ApplyEnvironment(ConfigDraft& d) {
     }
     if (const char* v = Env("TQL_SIM_RECORD")) d.config.record_path = v;
     if (const char* v = Env("TQL_SIM_FAULT")) d.fault_text = (std::string(v) == "none") ? "" : v;
+    if (const char* v = Env("TQL_SIM_URDF")) d.config.urdf_path = (std::string(v) == "none") ? "" : v;
+    if (const char* v = Env("TQL_SIM_HAND")) d.config.hand_path = (std::string(v) == "none") ? "" : v;
+    if (const char* v = Env("TQL_SIM_NOISE")) {
+        double x = 0.0;
+        if (ParseDouble(v, &x) && x >= 0.0)
+            d.noise_override = x;
+        else
+            std::fprintf(stderr, "sim: ignoring TQL_SIM_NOISE=%s (expected a fraction >= 0)\n", v);
+    }
 }
 
 }  // namespace
@@ -296,6 +344,15 @@ Config LoadConfig(const std::string& directory) {
         Settings s = c.defaults;
         for (const auto& kv : entry.second) *SettingField(s, kv.first) = kv.second;
         c.per_id[entry.first] = s;
+    }
+    for (const auto& entry : d.per_id_drive) {
+        Drive dr = c.drive;
+        for (const auto& kv : entry.second) *DriveField(dr, kv.first) = kv.second;
+        c.drive_per_id[entry.first] = dr;
+    }
+    if (d.noise_override >= 0.0) {  // the environment wins over every actuator's setting
+        c.drive.current_noise = d.noise_override;
+        for (auto& entry : c.drive_per_id) entry.second.current_noise = d.noise_override;
     }
     std::string problem;
     if (!ParseFaults(d.fault_text, &c.faults, &problem))

@@ -114,7 +114,35 @@ int tql_sim_set_position(int id, double revolutions) {
     SimActuator* a = FindId(call, id);
     if (a == nullptr || !std::isfinite(revolutions)) return -1;
     a->raw_position = revolutions + a->homing_offset;
+    ++call.bus.physics.generation;
     return 0;
+}
+
+int tql_sim_physics(void) {
+    BusCall call;
+    return call.bus.physics.world.loaded() ? 1 : 0;
+}
+
+double tql_sim_joint_angle(int id) {
+    BusCall call;
+    const SimActuator* a = FindId(call, id);
+    return a != nullptr ? tqlsim::JointAngle(call.bus, *a) : std::numeric_limits<double>::quiet_NaN();
+}
+
+double tql_sim_joint_rate(int id) {
+    BusCall call;
+    const SimActuator* a = FindId(call, id);
+    if (a == nullptr) return std::numeric_limits<double>::quiet_NaN();
+    const tqlsim::Physics& p = call.bus.physics;
+    return p.world.loaded() ? p.world.dq()[a->joint] : 0.0;
+}
+
+void tql_sim_set_current_noise(double fraction) {
+    BusCall call;
+    if (!(fraction >= 0.0) || !std::isfinite(fraction)) return;
+    call.bus.config.drive.current_noise = fraction;
+    for (auto& entry : call.bus.config.drive_per_id) entry.second.current_noise = fraction;
+    for (tqlsim::Drive& d : call.bus.physics.drive) d.current_noise = fraction;
 }
 
 }  // extern "C"

@@ -1,6 +1,6 @@
 // Control surface of the simulated actuator bus, beyond the actuator SDK
-// interface: the virtual clock, reloading, fault injection and the flight
-// recorder. Only the host program (found at run time with dlsym, so the real
+// interface: the virtual clock, reloading, fault injection, the flight
+// recorder and the physical world. Only the host program (found at run time with dlsym, so the real
 // actuator library can replace the simulator) and the tests use it; libtql.so
 // never does.
 //
@@ -63,6 +63,19 @@ int tql_sim_actuator_mode(int id);
 // Moves an actuator as a hand would (the arm is pushed to `revolutions`,
 // reported frame). 0 on success, -1 for an unknown id or a non-finite value.
 int tql_sim_set_position(int id, double revolutions);
+
+// The physical world (sim.conf "urdf"). 1 when it is loaded (the arm has
+// gravity, friction and inertia), 0 for the kinematic arm.
+int tql_sim_physics(void);
+// Joint angle (rad, the controller's user-zero angle) and rate (rad/s) of the
+// joint an actuator drives: the world's state with physics, else converted
+// from the raw position (rate 0). NaN for an unknown id.
+double tql_sim_joint_angle(int id);
+double tql_sim_joint_rate(int id);
+// Standard deviation of every actuator's current-reading noise, as a
+// fraction of its peak current (0 = exact readings). Negative or non-finite
+// values are ignored.
+void tql_sim_set_current_noise(double fraction);
 
 #ifdef __cplusplus
 }

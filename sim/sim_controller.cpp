@@ -99,6 +99,7 @@ bool ActuatorController::enableActuatorInBatch(const std::vector<UnifiedID>& uid
         a->mode = Actuator::Mode_Pos;
         a->velocity_command = 0.0;
         a->current_command = 0.0;
+        a->current_received = false;
         tqlsim::RestartReference(*a, call.now);
         a->seen_position = tqlsim::ReportedPosition(*a);
         a->seen_velocity = 0.0;
@@ -132,7 +133,9 @@ void ActuatorController::activateActuatorModeInBantch(std::vector<uint8_t> ids, 
             a->mode = mode;
             a->velocity_command = 0.0;
             a->current_command = 0.0;
+            a->current_received = false;
             tqlsim::RestartReference(*a, call.now);
+            if (mode == Actuator::Mode_Cur) tqlsim::NoteCurrentMode(call.bus, call.now);
         }
         tqlsim::RecordCommand(call, id, "activateActuatorModeInBantch", static_cast<double>(mode));
     }
@@ -158,6 +161,7 @@ void ActuatorController::setPosition(uint8_t id, double pos, const std::string&)
     a->step_velocity = (target - tqlsim::ReportedPosition(*a)) / dt * 60.0;
     a->step_time = call.now;
     a->raw_position = target + a->homing_offset;
+    tqlsim::NoteAppliedSetpoint(*a, a->raw_position, call.now);
 }
 
 void ActuatorController::setVelocity(uint8_t id, double vel, const std::string&) {
@@ -171,7 +175,9 @@ void ActuatorController::setCurrent(uint8_t id, double current, const std::strin
     BusCall call;
     tqlsim::RecordCommand(call, id, "setCurrent", current);
     SimActuator* a = Find(call, id);
-    if (a != nullptr && std::isfinite(current)) a->current_command = current;
+    if (a == nullptr || !std::isfinite(current)) return;
+    a->current_command = current;
+    if (a->mode == Actuator::Mode_Cur) a->current_received = true;
 }
 
 double ActuatorController::getPosition(uint8_t id, bool refresh, const std::string&) const {
@@ -186,7 +192,7 @@ double ActuatorController::getVelocity(uint8_t id, bool refresh, const std::stri
     BusCall call;
     SimActuator* a = Find(call, id);
     if (a == nullptr) return 0.0;
-    if (refresh) a->seen_velocity = tqlsim::LiveVelocity(*a, call.now);
+    if (refresh) a->seen_velocity = tqlsim::LiveVelocity(call.bus, *a, call.now);
     return a->seen_velocity;
 }
 
@@ -194,7 +200,7 @@ double ActuatorController::getCurrent(uint8_t id, bool refresh, const std::strin
     BusCall call;
     SimActuator* a = Find(call, id);
     if (a == nullptr) return 0.0;
-    if (refresh) a->seen_current = tqlsim::LiveCurrent(*a);
+    if (refresh) a->seen_current = tqlsim::LiveCurrent(call.bus, *a, call.now);
     return a->seen_current;
 }
 
@@ -291,8 +297,8 @@ void ActuatorController::requestCVPValue(uint8_t id, const std::string&) {
     if (a == nullptr) return;
     // The actuator answers at once; the answer waits for processEvents.
     a->reply_pending = true;
-    a->reply_current = tqlsim::LiveCurrent(*a);
-    a->reply_velocity = tqlsim::LiveVelocity(*a, call.now);
+    a->reply_current = tqlsim::LiveCurrent(call.bus, *a, call.now);
+    a->reply_velocity = tqlsim::LiveVelocity(call.bus, *a, call.now);
     a->reply_position = tqlsim::ReportedPosition(*a);
 }
 

@@ -6,7 +6,7 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 
 packages=(build-essential cmake pkg-config libsqlite3-dev libgtest-dev libgmock-dev
-          libbenchmark-dev liborocos-kdl-dev libeigen3-dev)
+          libbenchmark-dev liborocos-kdl-dev libeigen3-dev liburdfdom-dev)
 missing=()
 for p in "${packages[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")

@@ -1,0 +1,204 @@
+// The simulated arm's physical world, against an independent KDL model of the
+// demo arm built from its modified-DH table: forward and inverse dynamics,
+// falling, brakes and the scripted hand in current mode, reading noise.
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <cstdlib>
+#include <kdl/chain.hpp>
+#include <kdl/chainfdsolver_recursive_newton_euler.hpp>
+#include <kdl/chainidsolver_recursive_newton_euler.hpp>
+#include <random>
+#include <vector>
+
+#include "actuatorcontroller.h"
+#include "sim_control.h"
+#include "sim_world.h"
+#include "test_support.h"
+
+namespace {
+
+constexpr double kPi = 3.141592653589793, kKt = 1.0623;
+const double kAlpha[6] = {0, kPi / 2, 0, 0, -kPi / 2, kPi / 2}, kOffset[6] = {0, kPi / 2, 0, -kPi / 2, 0, 0};
+const double kA[6] = {0, 0, 0.244, 0.213, 0, 0}, kD[6] = {0.152, 0, 0, 0.112, 0.085, 0.082};
+const double kDirection[6] = {1, 1, -1, 1, -1, 1};  // the demo database's joint directions
+const KDL::Vector kGravity(0, 0, -9.80665);
+
+double Raw(int j, double q) { return q / (2 * kPi) * 36.0 * kDirection[j]; }
+ActuatorController* Ctl() { return ActuatorController::initController(); }
+KDL::Wrenches NoWrenches(const KDL::Chain& c) { return KDL::Wrenches(c.getNrOfSegments(), KDL::Wrench::Zero()); }
+
+// The demo arm from its DH table, carrying the link masses the world read.
+struct DemoArm {
+    tqlsim::World world;
+    KDL::Chain chain;
+    DemoArm() {
+        std::string problem;
+        EXPECT_TRUE(world.Load(TQL_SOURCE_DIR "/demo/arm.urdf", &problem)) << problem;
+        for (int i = 0; i < world.joints(); ++i) {
+            const tqlsim::LinkInertia l = world.link(i);
+            const KDL::RotationalInertia I(l.inertia[0], l.inertia[1], l.inertia[2], l.inertia[3], l.inertia[4],
+                                           l.inertia[5]);
+            chain.addSegment(KDL::Segment(KDL::Joint(KDL::Joint::None),
+                                          KDL::Frame::DH_Craig1989(kA[i], kAlpha[i], kD[i], kOffset[i])));
+            chain.addSegment(KDL::Segment(KDL::Joint(KDL::Joint::RotZ), KDL::Frame::Identity(),
+                                          KDL::RigidBodyInertia(l.mass, KDL::Vector(l.com[0], l.com[1], l.com[2]), I)));
+        }
+    }
+    // Joint i's torque: inverse dynamics plus the file's viscous and Coulomb friction.
+    double Torque(int i, const KDL::JntArray& q, const KDL::JntArray& dq, const KDL::JntArray& ddq) {
+        KDL::JntArray tau(6);
+        KDL::ChainIdSolver_RNE(chain, kGravity).CartToJnt(q, dq, ddq, NoWrenches(chain), tau);
+        return tau(i) + world.viscous(i) * dq(i) + std::copysign(world.coulomb(i), dq(i)) * (std::fabs(dq(i)) > 1e-5);
+    }
+};
+
+class SimPhysics : public ::testing::Test {
+protected:
+    void SetUp() override {
+        if (!tqlsim::World::Built()) GTEST_SKIP() << "bus built without physics";
+        setenv("TQL_SIM_CLOCK", "virtual", 1);
+    }
+    void TearDown() override {
+        for (const char* v : {"TQL_SIM_CLOCK", "TQL_SIM_NOISE", "TQL_SIM_HAND", "TQL_SIM_URDF"}) unsetenv(v);
+    }
+    // A fresh arm, every actuator enabled in `mode`.
+    static void Boot(Actuator::ActuatorMode mode) {
+        tql_sim_reset();
+        Actuator::ErrorsDefine ec;
+        ASSERT_TRUE(Ctl()->enableActuatorInBatch(Ctl()->lookupActuators(ec)));
+        Ctl()->activateActuatorModeInBantch(Ctl()->getActuatorIdArray(), mode);
+    }
+    tqltest::ScratchDir dir_;
+};
+
+TEST_F(SimPhysics, WorldIsThePlausibleDhArmAndMovesAsKdlSays) {
+    DemoArm arm;
+    ASSERT_EQ(arm.world.joints(), 6);
+    for (int i = 0; i < 6; ++i) {  // physically valid links
+        const double* I = arm.world.link(i).inertia;
+        EXPECT_GT(arm.world.link(i).mass, 0.2);
+        EXPECT_TRUE(I[0] + I[1] >= I[2] && I[1] + I[2] >= I[0] && I[0] + I[2] >= I[1]) << i;
+    }
+    KDL::JntArray q(6), dq(6), tau(6), ddq(6);
+    q(1) = kPi / 2;  // stretched out horizontally
+    EXPECT_NEAR(std::fabs(arm.Torque(1, q, dq, ddq)), 12.5, 2.5) << "joint 2's peak static torque";
+
+    // All joints free, friction and hand off: the world's accelerations are KDL's.
+    arm.world.set_friction(false);
+    KDL::ChainFdSolver_RNE fd(arm.chain, kGravity);
+    std::mt19937 rng(11);
+    std::uniform_real_distribution<double> u(-1.0, 1.0);
+    for (int sample = 0; sample < 200; ++sample) {
+        for (int i = 0; i < 6; ++i) {
+            q(i) = arm.world.q()[i] = 2.9 * u(rng);
+            dq(i) = arm.world.dq()[i] = 3.0 * u(rng);
+            tau(i) = arm.world.drive()[i].motor = 10.0 * u(rng);
+            arm.world.drive()[i].free = true;
+        }
+        double got[6];
+        arm.world.Accelerations(0.001, got);
+        fd.CartToJnt(q, dq, tau, NoWrenches(arm.chain), ddq);
+        for (int i = 0; i < 6; ++i) ASSERT_NEAR(got[i], ddq(i), 1e-8 * (1 + std::fabs(ddq(i)))) << sample << "," << i;
+    }
+}
+
+// A smooth commanded motion: the currents read, times kt * direction, are the
+// torques the DH model needs along it (the finite differences cost 0.004 N*m).
+TEST_F(SimPhysics, PositionModeReadsTheInverseDynamicsOfTheCommandedMotion) {
+    setenv("TQL_SIM_NOISE", "0", 1);
+    ASSERT_NO_FATAL_FAILURE(Boot(Actuator::Mode_Pos));
+    ASSERT_EQ(tql_sim_physics(), 1);
+    DemoArm arm;
+    const double q0[6] = {0.3, 0.5, -0.8, 0.4, 0.6, -0.2}, amp[6] = {0.4, -0.3, 0.35, 0.5, -0.4, 0.6}, w = 2.0;
+    for (int i = 0; i < 6; ++i) Ctl()->setPosition(i + 1, Raw(i, q0[i]));
+    KDL::JntArray q(6), dq(6), ddq(6);
+    for (int k = 1; k <= 150; ++k) {  // w t up to 1.2: no rate changes sign
+        tql_sim_sleep(0.004);
+        const double t = 0.004 * k;
+        for (int i = 0; i < 6; ++i) {
+            q(i) = q0[i] + amp[i] * std::sin(w * t);
+            dq(i) = amp[i] * w * std::cos(w * t);
+            ddq(i) = -amp[i] * w * w * std::sin(w * t);
+            Ctl()->setPosition(i + 1, Raw(i, q(i)));
+        }
+        for (int id = 1; id <= 6; ++id) Ctl()->requestCVPValue(id);
+        Ctl()->processEvents();
+        for (int i = 0; i < 6 && k >= 3; ++i) {  // the commanded motion needs three set-points
+            EXPECT_NEAR(tql_sim_joint_angle(i + 1), q(i), 1e-12);
+            const double read = Ctl()->getCurrent(i + 1, false) * kKt * kDirection[i];
+            ASSERT_NEAR(read, arm.Torque(i, q, dq, ddq), 0.01) << "k=" << k << " joint " << i + 1;
+        }
+    }
+}
+
+// Zero current: the arm falls (once the drives have a current set-point),
+// joint 2 stops hard at its limit; a disabled
+// actuator's joint holds; leaving current mode keeps the position reached.
+TEST_F(SimPhysics, CurrentModeFallsToTheLimitAndBrakesHold) {
+    setenv("TQL_SIM_NOISE", "0", 1);
+    ASSERT_NO_FATAL_FAILURE(Boot(Actuator::Mode_Pos));
+    Ctl()->setPosition(2, Raw(1, 0.5));
+    Ctl()->setPosition(4, Raw(3, 0.7));
+    ASSERT_TRUE(Ctl()->disableActuator(4));
+    Ctl()->activateActuatorModeInBantch({1, 2, 3, 5, 6}, Actuator::Mode_Cur);
+    tql_sim_sleep(0.2);
+    EXPECT_EQ(tql_sim_joint_angle(2), 0.5) << "held until the first current set-point";
+    for (uint8_t id : {1, 2, 3, 5, 6}) Ctl()->setCurrent(id, 0.0);
+    tql_sim_sleep(0.2);
+    EXPECT_GT(tql_sim_joint_angle(2), 0.6) << "falling";
+    EXPECT_NEAR(Ctl()->getVelocity(2, true), tql_sim_joint_rate(2) * 36 / (2 * kPi) * 60, 1e-9);
+    EXPECT_GT(tql_sim_joint_rate(2), 0.5);
+    EXPECT_EQ(Ctl()->getCurrent(2, true), 0.0);
+    tql_sim_sleep(3.0);  // one bus call catches up the whole interval
+    EXPECT_NEAR(tql_sim_joint_angle(2), 17.0 / 36.0 * 2 * kPi, 1e-12);
+    EXPECT_EQ(tql_sim_joint_rate(2), 0.0);
+    EXPECT_NEAR(tql_sim_joint_angle(4), 0.7, 1e-12) << "brake";
+    Ctl()->activateActuatorModeInBantch({2}, Actuator::Mode_Pos);
+    tql_sim_sleep(1.0);
+    EXPECT_NEAR(Ctl()->getPosition(2, true), 17.0, 1e-9) << "position mode from where current mode left it";
+}
+
+TEST_F(SimPhysics, ScriptedHandPullsAJointToItsTarget) {
+    tqltest::WriteFile("hand.csv", "# ramp, hold\ntime,j1,j2,j3,j4,j5,j6\n0, 0,,,,,\n1, 40,,,,,\n3, 40,,,,,\n");
+    setenv("TQL_SIM_HAND", "hand.csv", 1);
+    ASSERT_NO_FATAL_FAILURE(Boot(Actuator::Mode_Pos));
+    Ctl()->activateActuatorModeInBantch({1}, Actuator::Mode_Cur);  // the hand's clock starts
+    Ctl()->setCurrent(1, 0.0);
+    tql_sim_sleep(0.5);
+    EXPECT_NEAR(tql_sim_joint_angle(1) * 180 / kPi, 15.0, 5.0) << "behind a target halfway up its ramp";
+    tql_sim_sleep(2.4);
+    EXPECT_NEAR(tql_sim_joint_angle(1) * 180 / kPi, 40.0, 1.0) << "within about fc / k = 0.57 deg";
+    EXPECT_EQ(tql_sim_joint_angle(2), 0.0) << "locked by position mode";
+}
+
+TEST_F(SimPhysics, NoiseIsSeededWithTheConfiguredSpreadAndPhysicsNeedsAMatchingWorld) {
+    auto readings = [](int n, std::vector<double> v = {}) {
+        while (n-- > 0) v.push_back(Ctl()->getCurrent(2, true));
+        return v;
+    };
+    ASSERT_NO_FATAL_FAILURE(Boot(Actuator::Mode_Pos));
+    tql_sim_set_current_noise(0.0);
+    const double exact = readings(1)[0];
+    tql_sim_set_current_noise(0.02);
+    const std::vector<double> a = readings(4000);
+    double mean = 0, var = 0;
+    for (double x : a) mean += x / a.size(), var += (x - exact) * (x - exact) / a.size();
+    EXPECT_NEAR(mean, exact, 0.02);
+    EXPECT_NEAR(std::sqrt(var), 0.2, 0.01) << "0.02 of the 10 A peak current";
+    ASSERT_NO_FATAL_FAILURE(Boot(Actuator::Mode_Pos));
+    EXPECT_EQ(readings(4000), a) << "same seed, same readings";
+    tqltest::WriteFile("sim.conf", tqltest::ReadFile("sim.conf") + "noise_seed = 2\n");
+    ASSERT_NO_FATAL_FAILURE(Boot(Actuator::Mode_Pos));
+    EXPECT_NE(readings(1)[0], a[0]);
+
+    for (const auto& env : std::vector<std::pair<const char*, const char*>>{
+             {"TQL_SIM_URDF", "none"}, {"TQL_SIM_URDF", "missing.urdf"}, {"TQL_SIM_ACTUATORS", "5"}}) {
+        setenv(env.first, env.second, 1);
+        tql_sim_reset();
+        EXPECT_EQ(tql_sim_physics(), 0) << env.first << "=" << env.second;
+        unsetenv(env.first);
+    }
+}
+
+}  // namespace

@@ -1,0 +1,254 @@
+// tql-identify FILE [--db parameter.db] [--write parameter.db] [--validate FILE2]
+//
+// Off-line identification of the arm's 36 base dynamic parameters and its
+// joints' viscous and Coulomb friction from an excitation run's output
+// ("file/excitation_output.txt": per 4 ms record the joints' currents [A],
+// velocities [rad/s] and positions [rad]).
+//
+// The excitation is periodic (2500 records per 10 s period), so the
+// repetitions are averaged sample by sample, which cuts the measurement noise,
+// and the positions are fitted by a Fourier series of the period: its
+// derivatives give velocity and acceleration with no phase lag (a zero-phase
+// low-pass that keeps the first kFitHarmonics harmonics). Currents times the
+// joints' torque constants are the torques. The stacked regressor is solved
+// by least squares.
+#include <array>
+#include <cmath>
+#include <cstdio>
+#include <cstring>
+#include <fstream>
+#include <iostream>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "dynamics_tools.h"
+
+namespace {
+
+using tqltools::ArmModel;
+using tqltools::kIdentifiedColumns;
+using tqltools::kJoints;
+
+constexpr int kPeriodSamples = kExcitationSamples - 1;  // records per repetition
+constexpr double kSamplePeriod = 0.004;                 // s
+// Harmonics kept by the zero-phase fit: twice the excitation's own.
+constexpr int kFitHarmonics = 2 * kExcitationHarmonics;
+
+struct Record {
+    double current[kJoints], velocity[kJoints], position[kJoints];
+};
+
+// Reads an excitation output file: rows of 3 x 6 finite numbers, whole periods.
+bool ReadRecords(const std::string& path, std::vector<Record>* records, std::string* error) {
+    std::ifstream in(path);
+    if (!in) {
+        *error = "cannot read " + path;
+        return false;
+    }
+    std::string line;
+    int line_no = 0;
+    while (std::getline(in, line)) {
+        ++line_no;
+        if (!line.empty() && line.back() == '\r') line.pop_back();
+        double v[3 * kJoints];
+        int count = 0;
+        const char* p = line.c_str();
+        while (*p != '\0') {
+            char* end = nullptr;
+            const double x = std::strtod(p, &end);
+            if (end == p || count == 3 * kJoints || !std::isfinite(x)) {
+                count = -1;
+                break;
+            }
+            v[count++] = x;
+            p = end;
+            if (*p == ',') ++p;
+            else if (*p != '\0') { count = -1; break; }
+        }
+        if (count != 3 * kJoints) {
+            *error = path + ":" + std::to_string(line_no) + ": expected " + std::to_string(3 * kJoints) +
+                     " numbers separated by ','";
+            return false;
+        }
+        Record r;
+        std::memcpy(r.current, v, sizeof r.current);
+        std::memcpy(r.velocity, v + kJoints, sizeof r.velocity);
+        std::memcpy(r.position, v + 2 * kJoints, sizeof r.position);
+        records->push_back(r);
+    }
+    if (records->empty() || records->size() % kPeriodSamples != 0) {
+        *error = path + ": " + std::to_string(records->size()) + " records; expected whole periods of " +
+                 std::to_string(kPeriodSamples) + " (a complete excitation run)";
+        return false;
+    }
+    return true;
+}
+
+// The regression data of one run: averaged torques and fitted motion per sample.
+struct Samples {
+    std::vector<std::array<double, kJoints>> q, dq, ddq, tau;
+};
+
+Samples Prepare(const std::vector<Record>& records, const ArmModel& model) {
+    const int periods = static_cast<int>(records.size() / kPeriodSamples);
+    Samples s;
+    s.q.assign(kPeriodSamples, {});
+    s.dq.assign(kPeriodSamples, {});
+    s.ddq.assign(kPeriodSamples, {});
+    s.tau.assign(kPeriodSamples, {});
+    std::vector<std::array<double, kJoints>> mean_q(kPeriodSamples);
+    for (int k = 0; k < kPeriodSamples; ++k) {
+        for (int j = 0; j < kJoints; ++j) {
+            double c = 0.0, q = 0.0;
+            for (int r = 0; r < periods; ++r) {
+                c += records[r * kPeriodSamples + k].current[j];
+                q += records[r * kPeriodSamples + k].position[j];
+            }
+            s.tau[k][j] = c / periods * model.kt[j];
+            mean_q[k][j] = q / periods;
+        }
+    }
+    // Fourier fit over exactly one period: the sampled sines and cosines are
+    // orthogonal, so each coefficient is a projection.
+    const double w = 2.0 * M_PI / (kPeriodSamples * kSamplePeriod);
+    for (int j = 0; j < kJoints; ++j) {
+        double c0 = 0.0, cs[kFitHarmonics + 1] = {}, cc[kFitHarmonics + 1] = {};
+        for (int k = 0; k < kPeriodSamples; ++k) {
+            const double t = (k + 1) * kSamplePeriod;  // record k is sample k + 1
+            c0 += mean_q[k][j];
+            for (int h = 1; h <= kFitHarmonics; ++h) {
+                cs[h] += mean_q[k][j] * std::sin(h * w * t);
+                cc[h] += mean_q[k][j] * std::cos(h * w * t);
+            }
+        }
+        c0 /= kPeriodSamples;
+        for (int h = 1; h <= kFitHarmonics; ++h) {
+            cs[h] *= 2.0 / kPeriodSamples;
+            cc[h] *= 2.0 / kPeriodSamples;
+        }
+        for (int k = 0; k < kPeriodSamples; ++k) {
+            const double t = (k + 1) * kSamplePeriod;
+            double q = c0, dq = 0.0, ddq = 0.0;
+            for (int h = 1; h <= kFitHarmonics; ++h) {
+                const double hw = h * w, sn = std::sin(hw * t), cn = std::cos(hw * t);
+                q += cs[h] * sn + cc[h] * cn;
+                dq += hw * (cs[h] * cn - cc[h] * sn);
+                ddq -= hw * hw * (cs[h] * sn + cc[h] * cn);
+            }
+            s.q[k][j] = q;
+            s.dq[k][j] = dq;
+            s.ddq[k][j] = ddq;
+        }
+    }
+    return s;
+}
+
+void Stack(const Samples& s, const ArmModel& model, Eigen::MatrixXd* W, Eigen::VectorXd* y) {
+    const int n = static_cast<int>(s.q.size());
+    W->resize(n * kJoints, kIdentifiedColumns);
+    y->resize(n * kJoints);
+    double block[kJoints][kIdentifiedColumns];
+    for (int k = 0; k < n; ++k) {
+        tqltools::IdentificationRegressor(model, s.q[k].data(), s.dq[k].data(), s.ddq[k].data(), block);
+        for (int i = 0; i < kJoints; ++i) {
+            for (int c = 0; c < kIdentifiedColumns; ++c) (*W)(k * kJoints + i, c) = block[i][c];
+            (*y)(k * kJoints + i) = s.tau[k][i];
+        }
+    }
+}
+
+// Relative residual |W x - y| / |y| and per-joint RMS torque error.
+double Report(const char* title, const Eigen::MatrixXd& W, const Eigen::VectorXd& y, const Eigen::VectorXd& x) {
+    const Eigen::VectorXd e = W * x - y;
+    const double relative = e.norm() / y.norm();
+    std::printf("%s: relative RMS error %.3f %%\n", title, 100.0 * relative);
+    std::printf("  RMS torque error per joint (N*m):");
+    const int n = static_cast<int>(y.size() / kJoints);
+    for (int j = 0; j < kJoints; ++j) {
+        double sum = 0.0;
+        for (int k = 0; k < n; ++k) sum += e(k * kJoints + j) * e(k * kJoints + j);
+        std::printf(" %.4f", std::sqrt(sum / n));
+    }
+    std::printf("\n");
+    return relative;
+}
+
+int Usage() {
+    std::fprintf(stderr,
+                 "usage: tql-identify FILE [--db parameter.db] [--write parameter.db] [--validate FILE2]\n"
+                 "  FILE       excitation output of 'tql admin' (file/excitation_output.txt)\n"
+                 "  --db       database describing the arm (default: parameter.db)\n"
+                 "  --write    store the result in row 13 of the robot type's table of that database\n"
+                 "  --validate predict the torques of another run with the result\n");
+    return 2;
+}
+
+bool Load(const std::string& path, const ArmModel& model, Eigen::MatrixXd* W, Eigen::VectorXd* y) {
+    std::vector<Record> records;
+    std::string error;
+    if (!ReadRecords(path, &records, &error)) {
+        std::fprintf(stderr, "tql-identify: %s\n", error.c_str());
+        return false;
+    }
+    Stack(Prepare(records, model), model, W, y);
+    return true;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    std::string file, db = "parameter.db", write, validate;
+    for (int i = 1; i < argc; ++i) {
+        const std::string arg = argv[i];
+        const bool has_value = i + 1 < argc;
+        if (arg == "--db" && has_value) db = argv[++i];
+        else if (arg == "--write" && has_value) db = write = argv[++i];
+        else if (arg == "--validate" && has_value) validate = argv[++i];
+        else if (!arg.empty() && arg[0] != '-' && file.empty()) file = arg;
+        else return Usage();
+    }
+    if (file.empty()) return Usage();
+
+    ArmModel model;
+    std::string error;
+    if (!tqltools::LoadArmModel(db, &model, &error)) {
+        std::fprintf(stderr, "tql-identify: %s\n", error.c_str());
+        return 1;
+    }
+    Eigen::MatrixXd W;
+    Eigen::VectorXd y;
+    if (!Load(file, model, &W, &y)) return 1;
+
+    const double cond = tqltools::ConditionNumber(W);
+    Eigen::BDCSVD<Eigen::MatrixXd> svd(W, Eigen::ComputeThinU | Eigen::ComputeThinV);
+    const Eigen::VectorXd x = svd.solve(y);
+    std::printf("%d samples of %d joints, %d parameters\n", static_cast<int>(W.rows() / kJoints), kJoints,
+                kIdentifiedColumns);
+    std::printf("condition number of the stacked regressor: %.1f\n", cond);
+    Report("fit", W, y, x);
+    std::printf("base parameters P (36):");
+    for (int c = 0; c < kBaseParameterNum; ++c) std::printf("%s%.6g", c % 6 ? " " : "\n  ", x(c));
+    std::printf("\nviscous friction (N*m*s/rad):");
+    for (int j = 0; j < kJoints; ++j) std::printf(" %.4g", x(kBaseParameterNum + j));
+    std::printf("\nCoulomb friction (N*m):");
+    for (int j = 0; j < kJoints; ++j) std::printf(" %.4g", x(kBaseParameterNum + kJoints + j));
+    std::printf("\n");
+
+    if (!validate.empty()) {
+        Eigen::MatrixXd Wv;
+        Eigen::VectorXd yv;
+        if (!Load(validate, model, &Wv, &yv)) return 1;
+        Report("validation", Wv, yv, x);
+    }
+    if (!write.empty()) {
+        std::vector<double> values(x.data(), x.data() + x.size());
+        if (!tqltools::WriteTypeRow(write, model.type_name, tqltools::kDynamicParameterRow, values, &error)) {
+            std::fprintf(stderr, "tql-identify: %s\n", error.c_str());
+            return 1;
+        }
+        std::printf("wrote row %d of table %s in %s\n", tqltools::kDynamicParameterRow, model.type_name.c_str(),
+                    write.c_str());
+    }
+    return 0;
+}
