@@ -156,7 +156,10 @@ void World::Impl::Allocate() {
     a.resize(n, n);
     rhs.resize(n);
     x.resize(n);
-    ldlt = Eigen::LDLT<Eigen::MatrixXd>(n);
+    // Factorising once sizes the decomposition's storage, so the steps never
+    // allocate (and no half-built decomposition is ever copied).
+    a.setIdentity();
+    ldlt.compute(a);
 }
 
 bool World::Built() { return true; }

@@ -76,8 +76,9 @@ TEST_F(SimPhysics, WorldIsThePlausibleDhArmAndMovesAsKdlSays) {
     DemoArm arm;
     ASSERT_EQ(arm.world.joints(), 6);
     for (int i = 0; i < 6; ++i) {  // physically valid links
-        const double* I = arm.world.link(i).inertia;
-        EXPECT_GT(arm.world.link(i).mass, 0.2);
+        const tqlsim::LinkInertia link = arm.world.link(i);
+        const double* I = link.inertia;
+        EXPECT_GT(link.mass, 0.2);
         EXPECT_TRUE(I[0] + I[1] >= I[2] && I[1] + I[2] >= I[0] && I[0] + I[2] >= I[1]) << i;
     }
     KDL::JntArray q(6), dq(6), tau(6), ddq(6);
