@@ -9,11 +9,11 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
+#include <cmath>
 #include <cstdlib>
-#include <cstring>
 #include <filesystem>
 #include <fstream>
-#include <sstream>
+#include <iterator>
 #include <stdexcept>
 #include <thread>
 
@@ -27,11 +27,8 @@ namespace fs = std::filesystem;
 namespace tqltest {
 
 ScratchDir::ScratchDir(bool enter) {
-    std::string templ = (fs::temp_directory_path() / "tql-test-XXXXXX").string();
-    std::vector<char> buf(templ.begin(), templ.end());
-    buf.push_back('\0');
-    if (mkdtemp(buf.data()) == nullptr) throw std::runtime_error("mkdtemp failed");
-    path_ = buf.data();
+    path_ = (fs::temp_directory_path() / "tql-test-XXXXXX").string();
+    if (mkdtemp(&path_[0]) == nullptr) throw std::runtime_error("mkdtemp failed");
     fs::copy(TQL_DEMO_DIR, path_, fs::copy_options::recursive | fs::copy_options::overwrite_existing);
     // A scratch run starts from the simulator's defaults, not from a state
     // left by an earlier run in the build's demo directory.
@@ -51,27 +48,20 @@ ScratchDir::~ScratchDir() {
 
 int BootSimulatedArm(void (*sleep)(double), std::string* out) {
     setenv("TQL_SIM_CLOCK", "virtual", 1);
-    unsetenv("TQL_SIM_RECORD");
-    unsetenv("TQL_SIM_FAULT");
-    unsetenv("TQL_SIM_ACTUATORS");
+    for (const char* name : {"TQL_SIM_RECORD", "TQL_SIM_FAULT", "TQL_SIM_ACTUATORS"}) unsetenv(name);
     tql_sim_reset();
     tql::SetSleepFunction(sleep ? sleep : &tql_sim_sleep);
     tql::SetClockFunction(&tql_sim_now);
-    testing::internal::CaptureStdout();
-    const int booted = Boot();
-    const std::string printed = testing::internal::GetCapturedStdout();
-    if (out) *out = printed;
-    return booted;
+    return Quiet([] { return Boot(); }, out);
 }
 
 std::list<InstructionUnit> DecodeLines(const std::vector<std::string>& lines) {
     std::list<InstructionUnit> list;
     int n = 0;
-    for (const std::string& text : lines) {
-        std::vector<char> buf(text.begin(), text.end());
-        buf.push_back('\0');
+    for (const std::string& line : lines) {
+        std::string text = line;
         InstructionUnit u;
-        EXPECT_EQ(u.DecodeInstruction(buf.data()), 0) << text;
+        EXPECT_EQ(u.DecodeInstruction(&text[0]), 0) << line;
         u.line_number = ++n;
         list.push_back(u);
     }
@@ -95,11 +85,34 @@ void RestoreRealTime() {
     tql::SetClockFunction(nullptr);
 }
 
+Joints CurrentJoints() {
+    Joints q;
+    GetCurrentRobot()->GetCurrentMachineJoint(q.data());
+    return q;
+}
+
+TickSpy tick_spy;
+
+void TickSleep(double seconds) {
+    bool stop = false;
+    if (std::fabs(seconds - PERIOD) < 1e-12) {
+        Joints q, c;
+        CopyRealTimePos(q.data(), static_cast<int>(q.size()));
+        for (int id = 1; id <= 6; ++id) c[id - 1] = tql_sim_last_setpoint(id);
+        tick_spy.sent.push_back(q);
+        tick_spy.commands.push_back(c);
+        stop = static_cast<long>(tick_spy.sent.size()) == tick_spy.stop_at;
+    } else if (seconds >= 0.5 - 1e-9) {
+        stop = ++tick_spy.pauses == tick_spy.stop_at_pause;
+    }
+    if (stop && tick_spy.by_signal) raise(SIGINT);
+    if (stop && !tick_spy.by_signal) std::thread([] { SetStopFlag(); }).join();
+    tql_sim_sleep(seconds);
+}
+
 std::string ReadFile(const std::string& path) {
     std::ifstream in(path, std::ios::binary);
-    std::stringstream ss;
-    ss << in.rdbuf();
-    return ss.str();
+    return std::string(std::istreambuf_iterator<char>(in), {});
 }
 
 void WriteFile(const std::string& path, const std::string& text) {
@@ -109,15 +122,10 @@ void WriteFile(const std::string& path, const std::string& text) {
 
 bool ExecSql(const std::string& db_path, const std::string& sql) {
     sqlite3* db = nullptr;
-    if (sqlite3_open(db_path.c_str(), &db) != SQLITE_OK) {
-        sqlite3_close(db);
-        return false;
-    }
-    char* err = nullptr;
-    int rc = sqlite3_exec(db, sql.c_str(), nullptr, nullptr, &err);
-    sqlite3_free(err);
+    const bool ok = sqlite3_open(db_path.c_str(), &db) == SQLITE_OK &&
+                    sqlite3_exec(db, sql.c_str(), nullptr, nullptr, nullptr) == SQLITE_OK;
     sqlite3_close(db);
-    return rc == SQLITE_OK;
+    return ok;
 }
 
 int CountOf(const std::string& text, const std::string& needle) {
@@ -127,64 +135,58 @@ int CountOf(const std::string& text, const std::string& needle) {
     return n;
 }
 
-HostRun RunHost(const std::string& dir, const std::vector<std::string>& args,
-                const std::string& stdin_text, const EnvList& env, double timeout_s) {
-    const std::string in_path = dir + "/.stdin.txt";
-    const std::string out_path = dir + "/.stdout.txt";
-    const std::string err_path = dir + "/.stderr.txt";
+HostRun RunHostInterrupted(const std::string& dir, const std::vector<std::string>& args,
+                           const std::string& stdin_text, const EnvList& env, const std::string& interrupt_after,
+                           double timeout_s) {
+    const std::string in_path = dir + "/.stdin.txt", out_path = dir + "/.stdout.txt", err_path = dir + "/.stderr.txt";
     WriteFile(in_path, stdin_text);
-
-    pid_t pid = fork();
+    const pid_t pid = fork();
     if (pid < 0) throw std::runtime_error("fork failed");
     if (pid == 0) {
         if (chdir(dir.c_str()) != 0) _exit(127);
-        int fin = open(in_path.c_str(), O_RDONLY);
-        int fout = open(out_path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-        int ferr = open(err_path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-        if (fin < 0 || fout < 0 || ferr < 0) _exit(127);
-        dup2(fin, 0);
-        dup2(fout, 1);
-        dup2(ferr, 2);
+        const int fin = open(in_path.c_str(), O_RDONLY);
+        const int fout = open(out_path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+        const int ferr = open(err_path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+        if (fin < 0 || fout < 0 || ferr < 0 || dup2(fin, 0) < 0 || dup2(fout, 1) < 0 || dup2(ferr, 2) < 0) _exit(127);
         setenv("TQL_SIM_CLOCK", "virtual", 1);
-        for (const auto& kv : env) {
-            if (kv.second.empty())
-                unsetenv(kv.first.c_str());
-            else
-                setenv(kv.first.c_str(), kv.second.c_str(), 1);
-        }
-        std::vector<char*> argv;
+        for (const auto& kv : env)
+            kv.second.empty() ? unsetenv(kv.first.c_str()) : setenv(kv.first.c_str(), kv.second.c_str(), 1);
         std::string prog = TQL_HOST_PATH;
-        argv.push_back(prog.data());
         std::vector<std::string> copy = args;
+        std::vector<char*> argv{prog.data()};
         for (auto& a : copy) argv.push_back(a.data());
         argv.push_back(nullptr);
         execv(prog.c_str(), argv.data());
         _exit(127);
     }
-
-    HostRun run;
+    // Wall time, bounded. Once interrupt_after is printed, Ctrl-C every 50 ms
+    // (again if a press lands between two runs) until the host ends.
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::duration<double>(timeout_s);
     int status = 0;
-    for (;;) {
-        pid_t r = waitpid(pid, &status, WNOHANG);
-        if (r == pid) break;
+    bool pressed = false;
+    while (waitpid(pid, &status, WNOHANG) != pid) {
         if (std::chrono::steady_clock::now() > deadline) {
             kill(pid, SIGKILL);
             waitpid(pid, &status, 0);
             status = -1;
             break;
         }
-        std::this_thread::sleep_for(std::chrono::milliseconds(2));
+        if (!interrupt_after.empty() && ReadFile(out_path).find(interrupt_after) != std::string::npos) {
+            kill(pid, SIGINT);
+            pressed = true;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(pressed ? 50 : 2));
     }
-    if (status == -1)
-        run.exit_code = -1;
-    else if (WIFEXITED(status))
-        run.exit_code = WEXITSTATUS(status);
-    else if (WIFSIGNALED(status))
-        run.exit_code = 128 + WTERMSIG(status);
+    HostRun run;
+    run.exit_code = status == -1 ? -1 : WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
     run.out = ReadFile(out_path);
     run.err = ReadFile(err_path);
     return run;
+}
+
+HostRun RunHost(const std::string& dir, const std::vector<std::string>& args, const std::string& stdin_text,
+                const EnvList& env, double timeout_s) {
+    return RunHostInterrupted(dir, args, stdin_text, env, "", timeout_s);
 }
 
 }  // namespace tqltest

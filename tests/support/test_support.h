@@ -1,15 +1,19 @@
-// Shared test helpers: scratch copies of the demo working directory and runs of
-// the tql host with scripted standard input.
+// Shared test helpers: scratch copies of the demo working directory, runs of
+// the tql host with scripted standard input, the booted simulated arm in
+// virtual time and a sleep hook that sees every 4 ms tick's set-points.
 #ifndef TQL_TEST_SUPPORT_H
 #define TQL_TEST_SUPPORT_H
 
 #include <gtest/gtest.h>
 
+#include <array>
 #include <list>
 #include <memory>
 #include <string>
 #include <utility>
 #include <vector>
+
+struct InstructionUnit;
 
 namespace tqltest {
 
@@ -34,20 +38,25 @@ private:
 };
 
 struct HostRun {
-    int exit_code = -1;       // exit status, or 128 + signal, or -1 on timeout
-    std::string out;          // standard output
-    std::string err;          // standard error
+    int exit_code = -1;  // exit status, or 128 + signal, or -1 on timeout
+    std::string out;     // standard output
+    std::string err;     // standard error
 };
 
 using EnvList = std::vector<std::pair<std::string, std::string>>;
 
 // Runs the tql host in `dir` with the given arguments (not including the
 // program name) and standard input. The simulated bus runs on the virtual
-// clock unless env overrides TQL_SIM_CLOCK. The run is killed after
-// timeout_s seconds of wall time.
+// clock unless env overrides TQL_SIM_CLOCK (an empty value unsets a variable).
+// The run is killed after timeout_s seconds of wall time.
 HostRun RunHost(const std::string& dir, const std::vector<std::string>& args,
                 const std::string& stdin_text = "", const EnvList& env = {},
                 double timeout_s = 120.0);
+// The same, pressing Ctrl-C (SIGINT) once standard output holds
+// `interrupt_after` (empty: never), again every 50 ms until the host ends.
+HostRun RunHostInterrupted(const std::string& dir, const std::vector<std::string>& args,
+                           const std::string& stdin_text, const EnvList& env, const std::string& interrupt_after,
+                           double timeout_s = 120.0);
 
 // In-process runs on the simulated arm: starts the bus afresh in the current
 // (scratch) directory on the virtual clock, with no recording or faults from
@@ -67,6 +76,19 @@ int Quiet(F f, std::string* out = nullptr) {
     if (out != nullptr) *out = printed;
     return r;
 }
+// What f() prints on standard output, or on standard error.
+template <typename F>
+std::string Stdout(F f) {
+    testing::internal::CaptureStdout();
+    f();
+    return testing::internal::GetCapturedStdout();
+}
+template <typename F>
+std::string Stderr(F f) {
+    testing::internal::CaptureStderr();
+    f();
+    return testing::internal::GetCapturedStderr();
+}
 
 // Base of tests that drive the booted robot on the simulated arm in virtual
 // time. SetUp of a derived fixture calls ASSERT_NO_FATAL_FAILURE(BootArm(...)).
@@ -80,11 +102,31 @@ protected:
     std::unique_ptr<ScratchDir> dir_;
 };
 
-}  // namespace tqltest
+// Joint vector of the six-joint demo arm, rad; the system's degree (its pi is
+// 3.1415926, so this is not pi / 180).
+using Joints = std::array<double, 6>;
+constexpr double kDeg = 0.017453292222222222;
+inline Joints Degrees(Joints q) {
+    for (double& v : q) v *= kDeg;
+    return q;
+}
+// The booted robot's present joints.
+Joints CurrentJoints();
 
-struct InstructionUnit;
-
-namespace tqltest {
+// Sleep hook of the motion tests (pass TickSleep to BootArm). Every motion
+// loop sleeps one period after each tick's set-points, so the real-time
+// position then holds exactly what was sent: it is appended to `sent`, and
+// the bus's last position set-points (revolutions, ids 1..6) to `commands`.
+// After `stop_at` ticks, or in the `stop_at_pause`-th sleep of 0.5 s or more,
+// a stop is requested from another thread (or, with by_signal, by SIGINT).
+struct TickSpy {
+    std::vector<Joints> sent, commands;
+    long stop_at = -1;
+    bool by_signal = false;
+    long pauses = 0, stop_at_pause = -1;
+};
+extern TickSpy tick_spy;
+void TickSleep(double seconds);
 
 // Decodes program lines given in memory (no file) into instruction records,
 // line numbers from 1; each line must decode.

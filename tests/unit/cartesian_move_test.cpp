@@ -4,68 +4,40 @@
 // of the quaternion code under test.
 #include <gtest/gtest.h>
 
-#include <array>
 #include <cmath>
 #include <kdl/frames.hpp>
-#include <memory>
 #include <random>
 #include <string>
-#include <thread>
-#include <vector>
 
 #include "execute.h"
 #include "interpolation.h"
 #include "kinematics.h"
-#include "math_fun.h"
 #include "sim_control.h"
 #include "test_support.h"
-#include "timing.h"
 
 namespace {
 
-constexpr int kJoints = 6;
-constexpr double kDeg = 0.017453292222222222;  // 3.1415926 / 180
 constexpr double kPi = 3.14159265358979;
 
+using tqltest::CurrentJoints;
+using tqltest::Joints;
+using tqltest::kDeg;
 using tqltest::Quiet;
-using Joints = std::array<double, kJoints>;
+using tqltest::tick_spy;
 
-// The real-time position after each period's sleep holds what was sent.
-struct Spy {
-    std::vector<Joints> sent;
-    long stop_at = -1;  // stop request from another thread after this many ticks
-} spy;
-
-void SpySleep(double seconds) {
-    if (std::fabs(seconds - PERIOD) < 1e-12) {
-        Joints q;
-        CopyRealTimePos(q.data(), kJoints);
-        spy.sent.push_back(q);
-        if (static_cast<long>(spy.sent.size()) == spy.stop_at) std::thread([] { SetStopFlag(); }).join();
-    }
-    tql_sim_sleep(seconds);
-}
-
-struct Frame {
-    double p[3];  // mm, base frame
-    KDL::Rotation r;
-};
-
-// Flange frame of joint vector q, straight from the closed-form model.
-Frame FlangeFrame(Robot* robot, const Joints& q) {
-    const LinkUnit* l = robot->link_;
-    const double geometry[6] = {l[0].mdh_[3], l[3].mdh_[3], l[4].mdh_[3],
-                                l[5].mdh_[3], l[2].mdh_[2], l[3].mdh_[2]};
+// Flange frame (mm, base frame) of joint vector q, straight from the closed-form model.
+KDL::Frame Flange(const Joints& q) {
+    const LinkUnit* l = GetCurrentRobot()->link_;
+    const double geometry[6] = {l[0].mdh_[3], l[3].mdh_[3], l[4].mdh_[3], l[5].mdh_[3], l[2].mdh_[2], l[3].mdh_[2]};
     double t[4][4];
     fk_ur(q.data(), t, geometry);
-    return {{t[0][3], t[1][3], t[2][3]},
-            KDL::Rotation(t[0][0], t[0][1], t[0][2], t[1][0], t[1][1], t[1][2], t[2][0], t[2][1], t[2][2])};
+    return KDL::Frame(KDL::Rotation(t[0][0], t[0][1], t[0][2], t[1][0], t[1][1], t[1][2], t[2][0], t[2][1], t[2][2]),
+                      KDL::Vector(t[0][3], t[1][3], t[2][3]));
 }
 
 double RotationGap(const KDL::Rotation& a, const KDL::Rotation& b) {
     double gap = 0.0;
-    for (int i = 0; i < 3; ++i)
-        for (int j = 0; j < 3; ++j) gap = std::max(gap, std::fabs(a(i, j) - b(i, j)));
+    for (int i = 0; i < 9; ++i) gap = std::max(gap, std::fabs(a(i / 3, i % 3) - b(i / 3, i % 3)));
     return gap;
 }
 
@@ -76,60 +48,48 @@ KDL::Rotation Geodesic(const KDL::Rotation& r0, const KDL::Rotation& r1, double 
     return r0 * KDL::Rotation::Rot(axis, s * angle);
 }
 
-double Distance3(const double* a, const double* b) { return std::hypot(a[0] - b[0], a[1] - b[1], a[2] - b[2]); }
-
 class CartesianMoves : public tqltest::SimulatedArmTest {
 protected:
     void SetUp() override {
-        spy = Spy();
-        ASSERT_NO_FATAL_FAILURE(BootArm(&SpySleep));
-        std::string out;
+        tick_spy = tqltest::TickSpy();
+        ASSERT_NO_FATAL_FAILURE(BootArm(&tqltest::TickSleep));
         robot_ = GetCurrentRobot();
         robot_->GetLineSpeedAccDecParameters(&line_);
         robot_->GetRotateSpeedAccDecParameters(&rotate_);
         // The demo arm powers up at all zeros (wrist singular): leave it for a
         // comfortable pose (wrist centre off the base axis, elbow bent).
-        Joints target = {10 * kDeg, 25 * kDeg, 60 * kDeg, 5 * kDeg, -70 * kDeg, 15 * kDeg};
-        ASSERT_EQ(Quiet([&] { return MoveToSpecifiedPosition(target.data()); }, &out), 0) << out;
-        spy.sent.clear();
+        ASSERT_NO_FATAL_FAILURE(MoveTo(tqltest::Degrees({10, 25, 60, 5, -70, 15})));
     }
-    Joints Current() {
-        Joints q;
-        robot_->GetCurrentMachineJoint(q.data());
-        return q;
-    }
-    // Joints for a flange pose (seven values), seeded with q.
-    Joints Solve(const double* pose, Joints q) {
-        double p[7];
-        std::copy(pose, pose + 7, p);
-        EXPECT_EQ(robot_->InverseKinematics(q.data(), p), 0);
-        return q;
+    void MoveTo(Joints q) {
+        ASSERT_EQ(Quiet([&] { return MoveToSpecifiedPosition(q.data()); }), 0);
+        tick_spy.sent.clear();
     }
     int Linear(Joints start, Joints end, AccDecDate* line, AccDecDate* turn, std::string* out = nullptr) {
         return Quiet([&] { return MoveLinearPath(robot_, start.data(), end.data(), line, turn); }, out);
+    }
+    int Jog(int axis, double step, std::string* out = nullptr) {
+        return Quiet([&] { return JogInCartesianCoordinateSystem(axis, step); }, out);
     }
 
     // Every sent sample lies on the segment start -> end (within 0.01 mm),
     // progresses by at most one period at `speed`, and its orientation is the
     // geodesic at the position's fraction. Returns the last fraction.
     double ExpectOnSegment(const Joints& start, const Joints& end, double speed) {
-        const Frame f0 = FlangeFrame(robot_, start), f1 = FlangeFrame(robot_, end);
-        double d[3], last_p[3], last_s = 0.0;
-        for (int i = 0; i < 3; ++i) d[i] = f1.p[i] - f0.p[i], last_p[i] = f0.p[i];
-        const double len2 = d[0] * d[0] + d[1] * d[1] + d[2] * d[2];
-        const double s_tol = 1e-4 / std::sqrt(len2);  // the kinematics round trip leaves ~1e-5 mm
-        for (size_t k = 0; k < spy.sent.size(); ++k) {
-            const Frame f = FlangeFrame(robot_, spy.sent[k]);
-            const double s =
-                ((f.p[0] - f0.p[0]) * d[0] + (f.p[1] - f0.p[1]) * d[1] + (f.p[2] - f0.p[2]) * d[2]) / len2;
-            const double foot[3] = {f0.p[0] + s * d[0], f0.p[1] + s * d[1], f0.p[2] + s * d[2]};
-            EXPECT_LT(Distance3(f.p, foot), 0.01) << "tick " << k + 1;
-            EXPECT_GE(s, last_s - s_tol) << "tick " << k + 1;
-            EXPECT_LE(s, 1.0 + s_tol) << "tick " << k + 1;
-            EXPECT_LE(Distance3(f.p, last_p), speed * PERIOD + 0.01) << "tick " << k + 1;
-            EXPECT_LT(RotationGap(f.r, Geodesic(f0.r, f1.r, s)), 1e-6) << "tick " << k + 1;
-            last_s = s;
-            std::copy(f.p, f.p + 3, last_p);
+        const KDL::Frame f0 = Flange(start), f1 = Flange(end);
+        const KDL::Vector d = f1.p - f0.p;
+        const double s_tol = 1e-4 / d.Norm();  // the kinematics round trip leaves ~1e-5 mm
+        KDL::Vector last_p = f0.p;
+        double last_s = 0.0;
+        for (size_t k = 0; k < tick_spy.sent.size(); ++k) {
+            const KDL::Frame f = Flange(tick_spy.sent[k]);
+            const double s = KDL::dot(f.p - f0.p, d) / KDL::dot(d, d);
+            SCOPED_TRACE("tick " + std::to_string(k + 1));
+            EXPECT_LT((f.p - f0.p - d * s).Norm(), 0.01);
+            EXPECT_GE(s, last_s - s_tol);
+            EXPECT_LE(s, 1.0 + s_tol);
+            EXPECT_LE((f.p - last_p).Norm(), speed * PERIOD + 0.01);
+            EXPECT_LT(RotationGap(f.M, Geodesic(f0.M, f1.M, s)), 1e-6);
+            last_s = s, last_p = f.p;
         }
         return last_s;
     }
@@ -149,9 +109,8 @@ TEST(Orientation, SlerpFollowsTheFixedAxisRotation) {
         double q0[4], q1[4], out[4];
         r0.GetQuaternion(q0[1], q0[2], q0[3], q0[0]);
         r1.GetQuaternion(q1[1], q1[2], q1[3], q1[0]);
-        if (trial % 2 == 1) {
+        if (trial % 2 == 1)
             for (double& v : q1) v = -v;  // the same rotation from the other hemisphere
-        }
         const double angle = CalculateOrientation(q0, q1);
         KDL::Vector axis;
         EXPECT_NEAR(2 * angle, (r0.Inverse() * r1).GetRotAngle(axis), 1e-9);
@@ -163,7 +122,7 @@ TEST(Orientation, SlerpFollowsTheFixedAxisRotation) {
     }
 }
 
-TEST(CircularSegment, RandomCirclesInSpace) {
+TEST(CircularSegment, RandomCirclesInSpaceAndCollinearPoints) {
     std::mt19937 rng(11);
     std::uniform_real_distribution<double> u(-1.0, 1.0);
     for (int trial = 0; trial < 300; ++trial) {
@@ -173,8 +132,7 @@ TEST(CircularSegment, RandomCirclesInSpace) {
         const bool exact = trial < 2;
         const KDL::Rotation rot = exact ? KDL::Rotation::RotX(trial * kPi)
                                         : KDL::Rotation::RPY(3 * u(rng), 1.5 * u(rng), 3 * u(rng));
-        const KDL::Vector c =
-            exact ? KDL::Vector::Zero() : KDL::Vector(300 * u(rng), 300 * u(rng), 300 * u(rng));
+        const KDL::Vector c = exact ? KDL::Vector::Zero() : KDL::Vector(300 * u(rng), 300 * u(rng), 300 * u(rng));
         const double r = exact ? 100 : 20 + 200 * (u(rng) + 1);
         const double a1 = exact || trial % 3 == 0 ? kPi : 0.2 + 1.2 * (u(rng) + 1);
         const double a2 = exact ? kPi / 2 : 0.2 + 1.2 * (u(rng) + 1);
@@ -203,17 +161,13 @@ TEST(CircularSegment, RandomCirclesInSpace) {
             const double expect = std::remainder(out[0] / r, 2 * kPi);
             ASSERT_NEAR(std::remainder(along - expect, 2 * kPi), 0.0, 1e-6) << trial << " " << k;
         }
-        EXPECT_LT(Distance3(pose, p[2]), 1e-6 * r) << trial;
+        EXPECT_LT(std::hypot(pose[0] - p[2][0], pose[1] - p[2][1], pose[2] - p[2][2]), 1e-6 * r) << trial;
     }
-}
-
-TEST(CircularSegment, CollinearPointsAreReportedAndLeaveAZeroCircle) {
+    // Collinear points: reported, and a zero circle is left.
     double p1[7] = {0, 0, 0, 1, 0, 0, 0}, p2[7] = {10, 10, 10, 1, 0, 0, 0}, p3[7] = {30, 30, 30, 1, 0, 0, 0};
     CircularPath path;
     path.SetParameters(p1, p2, p3, 100, 1000, 1000, 5000, 1.0, 2.0, 2.0, 10.0);
-    testing::internal::CaptureStdout();
-    path.InterpolationPreprocess();
-    EXPECT_EQ(testing::internal::GetCapturedStdout(), "Failure to compute inverse matrix\n");
+    EXPECT_EQ(tqltest::Stdout([&] { path.InterpolationPreprocess(); }), "Failure to compute inverse matrix\n");
     EXPECT_EQ(path.arc_length_, 0.0);
     EXPECT_EQ(path.tall_, 0.0);
 }
@@ -221,127 +175,116 @@ TEST(CircularSegment, CollinearPointsAreReportedAndLeaveAZeroCircle) {
 // There and back, the second time with a rotation limit slow enough to govern
 // the timing: position and orientation still move together.
 TEST_F(CartesianMoves, LinearMoveStaysOnTheSegment) {
-    const Joints start = Current();
-    Joints end = start;
-    const double delta[kJoints] = {25, -10, 15, 5, 10, -10};
-    for (int j = 0; j < kJoints; ++j) end[j] += delta[j] * kDeg;
+    const Joints start = CurrentJoints(), end = tqltest::Degrees({35, 15, 75, 10, -60, 5});
     AccDecDate slow_turn = rotate_;
     slow_turn.speed /= 20;
     for (int pass = 0; pass < 2; ++pass) {
-        const Joints from = pass == 0 ? start : end, to = pass == 0 ? end : start;
+        Joints from = pass == 0 ? start : end, to = pass == 0 ? end : start;
         AccDecDate* rotation = pass == 0 ? &rotate_ : &slow_turn;
         LinearPath plan;
-        ASSERT_EQ(MoveLinearPreprocess(robot_, Joints(from).data(), Joints(to).data(), &plan, &line_, rotation), 0);
+        ASSERT_EQ(MoveLinearPreprocess(robot_, from.data(), to.data(), &plan, &line_, rotation), 0);
         EXPECT_EQ(plan.rotation_governs_, pass);
-        spy.sent.clear();
+        tick_spy.sent.clear();
         ASSERT_EQ(Linear(from, to, &line_, rotation), 0);
-        ASSERT_EQ(static_cast<long>(spy.sent.size()), std::lround(plan.tall_ / PERIOD));
-        ASSERT_GT(spy.sent.size(), 10u);
+        ASSERT_EQ(static_cast<long>(tick_spy.sent.size()), std::lround(plan.tall_ / PERIOD));
+        ASSERT_GT(tick_spy.sent.size(), 10u);
         EXPECT_NEAR(ExpectOnSegment(from, to, line_.speed), 1.0, 1e-6);
-        for (int j = 0; j < kJoints; ++j) EXPECT_NEAR(spy.sent.back()[j], to[j], 1e-6) << "joint " << j + 1;
+        for (int j = 0; j < 6; ++j) EXPECT_NEAR(tick_spy.sent.back()[j], to[j], 1e-6) << "joint " << j + 1;
     }
 }
 
 TEST_F(CartesianMoves, UnreachablePoseMidPathEndsTheMoveAfterTheReachablePart) {
     // Swinging joint 1 by 160 degrees: the straight line between the two
     // flange positions passes within the shoulder offset of the base axis.
-    Joints start = {-80 * kDeg, 30 * kDeg, 60 * kDeg, 0, -60 * kDeg, 20 * kDeg};
-    ASSERT_EQ(Quiet([&] { return MoveToSpecifiedPosition(start.data()); }), 0);
-    spy.sent.clear();
-    Joints end = start;
-    end[0] = 80 * kDeg;
+    const Joints start = tqltest::Degrees({-80, 30, 60, 0, -60, 20}), end = tqltest::Degrees({80, 30, 60, 0, -60, 20});
+    ASSERT_NO_FATAL_FAILURE(MoveTo(start));
     AccDecDate slow = line_;  // so the joints near the unreachable region stay within their speed
     slow.speed = 5.0;
     std::string out;
     const long before = tql_sim_setpoint_count(1);
     EXPECT_EQ(Linear(start, end, &slow, &rotate_, &out), -1);
     EXPECT_NE(out.find("Shoulder singular"), std::string::npos) << out.substr(0, 500);
-    ASSERT_GT(spy.sent.size(), 10u);
-    EXPECT_EQ(tql_sim_setpoint_count(1), before + static_cast<long>(spy.sent.size()));
-    EXPECT_GT(Distance3(FlangeFrame(robot_, spy.sent.back()).p, FlangeFrame(robot_, end).p), 100.0);
+    ASSERT_GT(tick_spy.sent.size(), 10u);
+    EXPECT_EQ(tql_sim_setpoint_count(1), before + static_cast<long>(tick_spy.sent.size()));
+    EXPECT_GT((Flange(tick_spy.sent.back()).p - Flange(end).p).Norm(), 100.0);
     ExpectOnSegment(start, end, slow.speed);
 }
 
 // A plan that is not a whole number of periods fails the internal check
 // before any motion.
 TEST_F(CartesianMoves, PeriodCheckRefusesACorruptPlan) {
-    Joints end = Current();
+    Joints end = CurrentJoints();
     end[0] += 10 * kDeg;
     AccDecDate broken = line_;
     broken.jerk = std::nan("");
-    testing::internal::CaptureStderr();
-    EXPECT_EQ(Linear(Current(), end, &broken, &rotate_), -1);
-    const std::string err = testing::internal::GetCapturedStderr();
+    const std::string err = tqltest::Stderr([&] { EXPECT_EQ(Linear(CurrentJoints(), end, &broken, &rotate_), -1); });
     EXPECT_NE(err.find("Assertion `fabs(tick*PERIOD-lpath.tall_)<em' failed."), std::string::npos) << err;
-    EXPECT_TRUE(spy.sent.empty());
+    EXPECT_TRUE(tick_spy.sent.empty());
 }
 
+// A horizontal quarter circle of radius 80 mm through its middle, the
+// orientation kept throughout.
 TEST_F(CartesianMoves, QuarterCircleArc) {
-    const Joints start = Current();
-    double mid[7], end[7];
-    ASSERT_EQ(robot_->ForwardKinematics(Joints(start).data(), mid), 0);
-    // Horizontal quarter circle of radius 80 mm, same orientation throughout.
-    const double r = 80.0, centre[3] = {mid[0] - r, mid[1], mid[2]};
-    std::copy(mid, mid + 7, end);
-    mid[0] = centre[0] + r * std::sqrt(0.5);
-    mid[1] = centre[1] + r * std::sqrt(0.5);
-    end[0] = centre[0];
-    end[1] = centre[1] + r;
-    Joints s = start, m = Solve(mid, start), e = Solve(end, m);
-    ASSERT_EQ(Quiet([&] { return MoveCircularPath(robot_, s.data(), m.data(), e.data(), &line_, &rotate_); }), 0);
-    const Frame f0 = FlangeFrame(robot_, start);
-    const double quarter = r * kPi / 2;
-    double last[3] = {f0.p[0], f0.p[1], f0.p[2]}, travelled = 0.0, at_half = -1.0;
-    for (size_t k = 0; k < spy.sent.size(); ++k) {
-        const Frame f = FlangeFrame(robot_, spy.sent[k]);
-        EXPECT_NEAR(std::hypot(f.p[0] - centre[0], f.p[1] - centre[1]), r, 0.01) << k;
-        EXPECT_NEAR(f.p[2], centre[2], 0.01) << k;
-        EXPECT_LT(RotationGap(f.r, f0.r), 1e-6) << k;
-        travelled += Distance3(f.p, last);
-        std::copy(f.p, f.p + 3, last);
-        if (at_half < 0 && travelled >= quarter / 2) at_half = Distance3(f.p, mid);
+    const Joints s = CurrentJoints();
+    const KDL::Frame f0 = Flange(s);
+    const double r = 80.0, quarter = r * kPi / 2;
+    const KDL::Vector centre = f0.p - KDL::Vector(r, 0, 0), mid = centre + KDL::Vector(r, r, 0) * std::sqrt(0.5),
+                      end = centre + KDL::Vector(0, r, 0);
+    double pose[7];
+    ASSERT_EQ(robot_->ForwardKinematics(Joints(s).data(), pose), 0);
+    auto solve = [&](const KDL::Vector& p, Joints q) {
+        for (int i = 0; i < 3; ++i) pose[i] = p(i);
+        EXPECT_EQ(robot_->InverseKinematics(q.data(), pose), 0);
+        return q;
+    };
+    Joints from = s, m = solve(mid, s), e = solve(end, m);
+    ASSERT_EQ(Quiet([&] { return MoveCircularPath(robot_, from.data(), m.data(), e.data(), &line_, &rotate_); }), 0);
+    KDL::Vector last = f0.p;
+    double travelled = 0.0, at_half = -1.0;
+    for (size_t k = 0; k < tick_spy.sent.size(); ++k) {
+        const KDL::Frame f = Flange(tick_spy.sent[k]);
+        EXPECT_NEAR(std::hypot(f.p.x() - centre.x(), f.p.y() - centre.y()), r, 0.01) << k;
+        EXPECT_NEAR(f.p.z(), centre.z(), 0.01) << k;
+        EXPECT_LT(RotationGap(f.M, f0.M), 1e-6) << k;
+        travelled += (f.p - last).Norm();
+        last = f.p;
+        if (at_half < 0 && travelled >= quarter / 2) at_half = (f.p - mid).Norm();
     }
     EXPECT_NEAR(travelled, quarter, 0.05);
     // Within one period's travel of the middle point when half the arc is done.
     EXPECT_LT(at_half, line_.speed * PERIOD + 0.01);
-    EXPECT_LT(Distance3(last, end), 0.01);
+    EXPECT_LT((last - end).Norm(), 0.01);
 }
 
+// Refused axes and steps send nothing; a step along base z moves on a straight
+// line, one about base z turns in place.
 TEST_F(CartesianMoves, CartesianJog) {
     const long before = tql_sim_setpoint_count(1);
-    EXPECT_EQ(Quiet([] { return JogInCartesianCoordinateSystem(-1, 10.0); }), -1);
-    EXPECT_EQ(Quiet([] { return JogInCartesianCoordinateSystem(kJoints, 10.0); }), -1);
+    std::string out;
+    for (int axis : {-1, 6}) EXPECT_EQ(Jog(axis, 10.0), -1);
     for (double bad : {std::nan(""), HUGE_VAL}) {
-        std::string out;
-        EXPECT_EQ(Quiet([&] { return JogInCartesianCoordinateSystem(4, bad); }, &out), -1);
+        EXPECT_EQ(Jog(4, bad, &out), -1);
         EXPECT_NE(out.find("is not a finite number"), std::string::npos) << out;
     }
-    std::string out;
-    EXPECT_EQ(Quiet([] { return JogInCartesianCoordinateSystem(0, 2000.0); }, &out), -1);  // out of reach
+    EXPECT_EQ(Jog(0, 2000.0, &out), -1);  // out of reach
     EXPECT_NE(out.find("ik error,  t4 = "), std::string::npos) << out;
     EXPECT_EQ(tql_sim_setpoint_count(1), before);
     // A zero step stays put (up to the micrometres of the kinematics round trip).
-    Frame f0 = FlangeFrame(robot_, Current());
-    EXPECT_EQ(Quiet([] { return JogInCartesianCoordinateSystem(1, 0.0); }), 0);
-    EXPECT_LT(Distance3(FlangeFrame(robot_, Current()).p, f0.p), 1e-3);
+    const KDL::Frame f0 = Flange(CurrentJoints());
+    EXPECT_EQ(Jog(1, 0.0), 0);
+    EXPECT_LT((Flange(CurrentJoints()).p - f0.p).Norm(), 1e-3);
 
-    // +10 mm along base z on a straight line, orientation unchanged.
-    spy.sent.clear();
-    Joints start = Current();
-    f0 = FlangeFrame(robot_, start);
-    ASSERT_EQ(Quiet([] { return JogInCartesianCoordinateSystem(2, 10.0); }), 0);
-    Frame f1 = FlangeFrame(robot_, Current());
-    for (int i = 0; i < 3; ++i) EXPECT_NEAR(f1.p[i], f0.p[i] + (i == 2 ? 10.0 : 0.0), 0.01);
-    EXPECT_LT(RotationGap(f1.r, f0.r), 1e-6);
-    ExpectOnSegment(start, Current(), 0.25 * line_.speed);
+    const Joints start = CurrentJoints();
+    tick_spy.sent.clear();
+    ASSERT_EQ(Jog(2, 10.0), 0);
+    const KDL::Frame f1 = Flange(CurrentJoints());
+    EXPECT_LT((f1.p - f0.p - KDL::Vector(0, 0, 10)).Norm(), 0.01);
+    EXPECT_LT(RotationGap(f1.M, f0.M), 1e-6);
+    ExpectOnSegment(start, CurrentJoints(), 0.25 * line_.speed);
 
-    // 90 degrees about base z, the position kept throughout.
-    spy.sent.clear();
-    f0 = FlangeFrame(robot_, Current());
-    ASSERT_EQ(Quiet([] { return JogInCartesianCoordinateSystem(5, 90.0); }), 0);
-    ASSERT_FALSE(spy.sent.empty());
-    f1 = FlangeFrame(robot_, Current());
-    EXPECT_LT(Distance3(f1.p, f0.p), 0.01);
-    EXPECT_LT(RotationGap(f1.r, KDL::Rotation::RotZ(90 * kDeg) * f0.r), 1e-6);
-    for (const Joints& q : spy.sent) EXPECT_LT(Distance3(FlangeFrame(robot_, q).p, f0.p), 0.01);
+    tick_spy.sent.clear();
+    ASSERT_EQ(Jog(5, 90.0), 0);
+    ASSERT_FALSE(tick_spy.sent.empty());
+    EXPECT_LT(RotationGap(Flange(CurrentJoints()).M, KDL::Rotation::RotZ(90 * kDeg) * f1.M), 1e-6);
+    for (const Joints& q : tick_spy.sent) EXPECT_LT((Flange(q).p - f1.p).Norm(), 0.01);
 }

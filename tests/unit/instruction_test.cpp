@@ -3,34 +3,29 @@
 
 #include <list>
 #include <string>
+#include <vector>
 
 #include "instruction.h"
 #include "test_support.h"
 
 namespace {
 
+// Decoding `text` written to a scratch file: result, standard output, records.
 struct Decoded {
     int result = 0;
     std::string out;
     std::list<InstructionUnit> list;
 };
-
-// Decodes `text` written to a scratch file; captures standard output.
 Decoded DecodeText(const std::string& text) {
     tqltest::ScratchDir dir;
     tqltest::WriteFile("prog.txt", text);
     Decoded d;
-    testing::internal::CaptureStdout();
-    d.result = DecodeInstructionFile("prog.txt", &d.list);
-    d.out = testing::internal::GetCapturedStdout();
+    d.result = tqltest::Quiet([&] { return DecodeInstructionFile("prog.txt", &d.list); }, &d.out);
     return d;
 }
 
 int DecodeLine(std::string text, InstructionUnit* unit, std::string* out) {
-    testing::internal::CaptureStdout();
-    const int r = unit->DecodeInstruction(&text[0]);
-    *out = testing::internal::GetCapturedStdout();
-    return r;
+    return tqltest::Quiet([&] { return unit->DecodeInstruction(&text[0]); }, out);
 }
 
 }  // namespace
@@ -39,14 +34,11 @@ TEST(GetLineArray, CountsValuesAndNeverWritesPastTheEnd) {
     double v[5] = {9, 9, 9, -7.0, -7.0};
     EXPECT_EQ(GetLineArray(nullptr, v, 3), 0);
     EXPECT_EQ(GetLineArray("abc,-2", v, 3), 2);  // non-numbers read as 0
-    EXPECT_EQ(v[0], 0.0);
-    EXPECT_EQ(v[1], -2.0);
+    EXPECT_EQ(std::vector<double>(v, v + 3), (std::vector<double>{0, -2, 9}));
     // A comma after max numbers gives max + 1; nothing is written past max.
     EXPECT_EQ(GetLineArray("1,2,3", v, 3), 3);
     EXPECT_EQ(GetLineArray("1,2,3,4,5", v, 3), 4);
-    EXPECT_EQ(v[2], 3.0);
-    EXPECT_EQ(v[3], -7.0);
-    EXPECT_EQ(v[4], -7.0);
+    EXPECT_EQ(std::vector<double>(v, v + 5), (std::vector<double>{1, 2, 3, -7, -7}));
 }
 
 // One record reused for every line: each parse clears the point list.
@@ -57,8 +49,8 @@ TEST(DecodeInstruction, AcceptedLinesFillTheRecord) {
         double speed;  // V= in mm/s or the VJ= ratio
         int zone;
         double zone_ratio;
-        int points, probe;  // point count; index of a point to check
-        double probe_value;
+        int points, probe;  // point count; index of a point to check...
+        double probe_value;  // ...and its value
     } cases[] = {
         {"MOVJ VJ=50 z5 0,0,90,0,90,0", kMoveInstruction, kMoveJoint, 0.5, 5, 0.03, 6, 2, 90.0},
         {"MOVC V=150.5 z200 20,10,70,0,100,0,30,0,75,0,95,0", kMoveInstruction, kMoveCircular, 150.5, 200, 1.0, 12,
@@ -77,9 +69,7 @@ TEST(DecodeInstruction, AcceptedLinesFillTheRecord) {
         ASSERT_EQ(DecodeLine(c.line, &u, &out), 0) << c.line;
         EXPECT_EQ(out, "");
         EXPECT_EQ(u.kind, c.kind) << c.line;
-        if (c.kind == kTimerInstruction) {
-            EXPECT_EQ(u.data.timer_data.time, 0);
-        }
+        EXPECT_TRUE(c.kind != kTimerInstruction || u.data.timer_data.time == 0);
         if (c.kind != kMoveInstruction) continue;
         const MoveInstructionData& m = u.data.move_data;
         EXPECT_EQ(m.type, c.type) << c.line;
@@ -95,13 +85,11 @@ TEST(DecodeInstruction, AcceptedLinesFillTheRecord) {
 }
 
 TEST(DecodeInstruction, ZoneIsALookupTableAndTokensAreBounded) {
-    const struct {
-        const char* token;
-        double ratio;  // -1: refused
-    } rows[] = {{"z0", 0},     {"z1", 0.01},  {"z5", 0.03},   {"z10", 0.05}, {"z15", 0.08},  {"z20", 0.1},
-                {"z30", 0.15}, {"z40", 0.2},  {"z50", 0.25},  {"z60", 0.3},  {"z80", 0.4},   {"z100", 0.5},
-                {"z150", 0.75}, {"z200", 1.0}, {"Zz10", 0.05}, {"z2", -1},    {"z7", -1},     {"z25", -1},
-                {"z90", -1},   {"z199", -1},  {"z201", -1},   {"z-5", -1},   {"Z10", -1}};  // the first 'z' counts
+    const struct { const char* token; double ratio; } rows[] = {  // ratio -1: refused
+        {"z0", 0},      {"z1", 0.01},  {"z5", 0.03},   {"z10", 0.05}, {"z15", 0.08}, {"z20", 0.1},
+        {"z30", 0.15},  {"z40", 0.2},  {"z50", 0.25},  {"z60", 0.3},  {"z80", 0.4},  {"z100", 0.5},
+        {"z150", 0.75}, {"z200", 1.0}, {"Zz10", 0.05}, {"z2", -1},    {"z7", -1},    {"z25", -1},
+        {"z90", -1},    {"z199", -1},  {"z201", -1},   {"z-5", -1},   {"Z10", -1}};  // the first 'z' counts
     for (const auto& row : rows) {
         ZoneData z;
         std::string token = row.token;
@@ -115,10 +103,7 @@ TEST(DecodeInstruction, ZoneIsALookupTableAndTokensAreBounded) {
 
 TEST(DecodeInstruction, RefusedLinesPrintTheirMessage) {
     const char *kSpeed = "Speed format error !\n", *kZone = "Zone format error !\n", *kFormat = "MOV format error !\n";
-    const struct {
-        std::string line;
-        const char* message;  // "" for none
-    } cases[] = {
+    const struct { std::string line; const char* message; } cases[] = {  // message "" for none
         {"MOVL V200 z5 1,2,3,4,5,6", kSpeed}, {"MOVL W=200 z5 1,2,3,4,5,6", kSpeed},
         {"MOVJ VJJ=20 z5 1,2,3,4,5,6", kSpeed}, {"MOVL =200 z5 1,2,3,4,5,6", kSpeed},
         {"MOVJ X=1 z7 1", kSpeed},  // the speed is checked before the zone
@@ -138,17 +123,11 @@ TEST(DecodeInstruction, RefusedLinesPrintTheirMessage) {
 }
 
 TEST(DecodeInstructionFile, ResultsAndMessages) {
-    const std::string movj = "MOVJ VJ=100 z5 0,0,90,0,90,0\n";
-    const std::string head = "MOVJ VJ=100 z5 1";
+    const std::string movj = "MOVJ VJ=100 z5 0,0,90,0,90,0\n", head = "MOVJ VJ=100 z5 1";
     const std::string line255 = head + std::string(255 - head.size(), '0');
     std::string limit = "// many\n";
     for (int i = 0; i < 1001; ++i) limit += movj;
-    const struct {
-        std::string text;
-        int result;
-        std::string out;
-        int size;  // -1: not checked
-    } cases[] = {
+    const struct { std::string text; int result; std::string out; int size; } cases[] = {  // size -1: not checked
         {"// only\n   // comments\n", -1, "Error : prog.txt is an empty file.\n", 0},
         // Bad first instruction: its own message, then the format line with
         // nothing between the number and the text.
@@ -178,9 +157,8 @@ TEST(DecodeInstructionFile, ResultsAndMessages) {
 
     tqltest::ScratchDir dir;
     std::list<InstructionUnit> list;
-    testing::internal::CaptureStdout();
-    EXPECT_EQ(DecodeInstructionFile("file/missing.txt", &list), -1);
-    EXPECT_EQ(testing::internal::GetCapturedStdout(), "Open file/missing.txt failure! \n");
+    EXPECT_EQ(tqltest::Stdout([&] { EXPECT_EQ(DecodeInstructionFile("file/missing.txt", &list), -1); }),
+              "Open file/missing.txt failure! \n");
 }
 
 TEST(DecodeInstructionFile, KeepsOrderPhysicalLineNumbersAndUnnamedSpeeds) {

@@ -6,11 +6,14 @@
 #include <gtest/gtest.h>
 #include <kdl/frames.hpp>
 
+#include <algorithm>
 #include <cmath>
 #include <iostream>
 #include <random>
 #include <string>
 #include <vector>
+
+#include "test_support.h"
 
 namespace {
 
@@ -32,11 +35,7 @@ double RotationGap(double A[4][4], const KDL::Rotation& B) {
     return d;
 }
 
-KDL::Rotation RotationOf(double T[4][4]) {
-    return KDL::Rotation(T[0][0], T[0][1], T[0][2], T[1][0], T[1][1], T[1][2], T[2][0], T[2][1], T[2][2]);
-}
-
-TEST(InverseMatrix, PermutationGivesTranspose) {
+TEST(InverseMatrix, PermutationGivesTransposeAndSingularOrBadInputIsRejected) {
     // Row i has its 1 in column perm[i]: needs row and column swaps and the
     // reverse unscrambling to come out right.
     // Scaled so that the largest pivots sit in the last rows: inverse(D P) = P^T D^-1.
@@ -46,23 +45,21 @@ TEST(InverseMatrix, PermutationGivesTranspose) {
     ASSERT_EQ(inverse_matrix(a, 5), 0);
     for (int i = 0; i < 5; ++i)
         for (int j = 0; j < 5; ++j) EXPECT_DOUBLE_EQ(a[i * 5 + j], perm[j] == i ? 1 / (j + 1.0) : 0.0) << i << j;
-}
 
-TEST(InverseMatrix, SingularOrBadInputRejected) {
+    // Rank 0, 1 and 2; the pivot tolerance is absolute: a well-conditioned
+    // tiny matrix is singular.
     double zero[9] = {}, rank_one[4] = {1, 2, 2, 4}, rank_two[9] = {1, 2, 3, 4, 5, 6, 7, 8, 9};
+    double tiny[4] = {1e-6, 0, 0, 1e-6}, one[1] = {2.0};
     EXPECT_EQ(inverse_matrix(zero, 3), -1);
     EXPECT_EQ(inverse_matrix(rank_one, 2), -1);
     EXPECT_EQ(inverse_matrix(rank_two, 3), -1);
-    // The pivot tolerance is absolute: a well-conditioned tiny matrix is singular.
-    double tiny[4] = {1e-6, 0, 0, 1e-6};
     EXPECT_EQ(inverse_matrix(tiny, 2), -1);
-    double a[1] = {2.0};
-    EXPECT_EQ(inverse_matrix(a, 0), 0);
-    testing::internal::CaptureStdout();
-    EXPECT_EQ(inverse_matrix(a, -1), -1);
-    EXPECT_EQ(inverse_matrix(nullptr, 3), -1);
-    testing::internal::GetCapturedStdout();
-    EXPECT_EQ(a[0], 2.0);
+    EXPECT_EQ(inverse_matrix(one, 0), 0);
+    tqltest::Stdout([&] {
+        EXPECT_EQ(inverse_matrix(one, -1), -1);
+        EXPECT_EQ(inverse_matrix(nullptr, 3), -1);
+    });
+    EXPECT_EQ(one[0], 2.0);
 }
 
 TEST(InverseMatrix, RandomWellConditionedTimesInverseIsIdentity) {
@@ -85,7 +82,7 @@ TEST(InverseMatrix, RandomWellConditionedTimesInverseIsIdentity) {
     }
 }
 
-TEST(VectorHelpers, Conventions) {
+TEST(VectorHelpers, ConventionsAndLeftMultiplication) {
     double a[6] = {1, 2, 3, 4, 5, 6}, b[6] = {7, 8, 9, 10, 11, 12};  // 2 x 3 and 3 x 2
     double c[4] = {99, 99, 99, 99}, d[3], e[3];
     mul_matrix(a, b, c, 2, 3, 2);  // overwrites, does not accumulate
@@ -100,6 +97,15 @@ TEST(VectorHelpers, Conventions) {
     EXPECT_EQ(sign(0.0), -1);
     EXPECT_EQ(sign(-0.0), -1);
     EXPECT_EQ(sign(1e-300), 1);
+    // MatrixLeftMul composes the rotations and adds the translations without
+    // rotating the right one's; the output may be one of the inputs.
+    double l[4][4], r[4][4];
+    ZyxTransform(l, 0.2, 0.3, 1.1, 10, 20, 30);
+    ZyxTransform(r, -0.5, 0.1, 0.9, 1, 2, 3);
+    MatrixLeftMul(l, l, r);
+    EXPECT_LT(RotationGap(l, KDL::Rotation::RPY(0.2, 0.3, 1.1) * KDL::Rotation::RPY(-0.5, 0.1, 0.9)), 1e-14);
+    EXPECT_EQ((std::vector<double>{l[0][3], l[1][3], l[2][3], l[3][0], l[3][3]}),
+              (std::vector<double>{11, 22, 33, 0, 1}));
 }
 
 // Random unit quaternions (w, x, y, z), w > 0, every component at least 0.01
@@ -112,12 +118,8 @@ TEST(Quaternion, RoundTripsOverRandomRotations) {
         double q[4];
         KDL::Rotation::RPY(3 * u(rng), 1.5 * u(rng), 3 * u(rng)).GetQuaternion(q[1], q[2], q[3], q[0]);
         const double sign_w = q[0] < 0 ? -1.0 : 1.0;
-        bool guarded = false;
-        for (double& v : q) {
-            v *= sign_w;
-            guarded = guarded || std::fabs(v) < 0.01;
-        }
-        if (guarded) continue;
+        for (double& v : q) v *= sign_w;
+        if (std::any_of(q, q + 4, [](double v) { return std::fabs(v) < 0.01; })) continue;
         ++tested;
         double p[7] = {10.0 * tested, -3.5, 0.25, q[0], q[1], q[2], q[3]}, back[7], T[4][4], T2[4][4];
         UnitQuaternionToMatrix(T, p);
@@ -125,7 +127,7 @@ TEST(Quaternion, RoundTripsOverRandomRotations) {
         MatrixToUnitQuaternion(T, back);
         for (int i = 0; i < 7; ++i) EXPECT_NEAR(back[i], p[i], 1e-13) << i;
         UnitQuaternionToMatrix(T2, back);
-        EXPECT_LT(RotationGap(T2, RotationOf(T)), 1e-13);
+        EXPECT_LT(RotationGap(T2, KDL::Rotation::Quaternion(q[1], q[2], q[3], q[0])), 1e-13);
     }
     // 180 deg about x: w's radicand is 0 (guarded), T21 - T12 = 0 and sign(0) = -1.
     double T[4][4], p[7];
@@ -159,27 +161,12 @@ TEST(Matrix2pose, ZyxAnglesRecoveredAndGimbalLock) {
     }
 }
 
-// MatrixLeftMul composes the rotations and adds the translations without
-// rotating b's; the output may be one of the inputs.
-TEST(Transforms, MatrixLeftMulAddsUnrotatedTranslations) {
-    double l[4][4], r[4][4];
-    ZyxTransform(l, 0.2, 0.3, 1.1, 10, 20, 30);
-    ZyxTransform(r, -0.5, 0.1, 0.9, 1, 2, 3);
-    MatrixLeftMul(l, l, r);
-    EXPECT_LT(RotationGap(l, KDL::Rotation::RPY(0.2, 0.3, 1.1) * KDL::Rotation::RPY(-0.5, 0.1, 0.9)), 1e-14);
-    EXPECT_EQ((std::vector<double>{l[0][3], l[1][3], l[2][3], l[3][0], l[3][3]}),
-              (std::vector<double>{11, 22, 33, 0, 1}));
-}
-
 TEST(ConsoleOutput, DegreesUseTheTruncatedPi) {
     // 1 rad prints 57.2957804904, not 57.2957795131.
     double v[4] = {3.1415926, -1.5707963, 0, 1.0};
     const std::streamsize old = std::cout.precision(12);
-    testing::internal::CaptureStdout();
-    PrintPositionDegree(v, 4);
-    const std::string out = testing::internal::GetCapturedStdout();
+    EXPECT_EQ(tqltest::Stdout([&] { PrintPositionDegree(v, 4); }), "180 -90 0 57.2957804904 \n");
     std::cout.precision(old);
-    EXPECT_EQ(out, "180 -90 0 57.2957804904 \n");
 }
 
 }  // namespace
