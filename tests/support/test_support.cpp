@@ -129,9 +129,8 @@ bool ExecSql(const std::string& db_path, const std::string& sql) {
 }
 
 int CountOf(const std::string& text, const std::string& needle) {
-    if (needle.empty()) return 0;
     int n = 0;
-    for (size_t pos = text.find(needle); pos != std::string::npos; pos = text.find(needle, pos + needle.size())) ++n;
+    for (size_t at = 0; !needle.empty() && (at = text.find(needle, at)) != std::string::npos; at += needle.size()) ++n;
     return n;
 }
 
@@ -182,11 +181,6 @@ HostRun RunHostInterrupted(const std::string& dir, const std::vector<std::string
     run.out = ReadFile(out_path);
     run.err = ReadFile(err_path);
     return run;
-}
-
-HostRun RunHost(const std::string& dir, const std::vector<std::string>& args, const std::string& stdin_text,
-                const EnvList& env, double timeout_s) {
-    return RunHostInterrupted(dir, args, stdin_text, env, "", timeout_s);
 }
 
 }  // namespace tqltest

@@ -7,11 +7,15 @@
 #include <gtest/gtest.h>
 
 #include <array>
+#include <cstdlib>
 #include <list>
 #include <memory>
 #include <string>
 #include <utility>
 #include <vector>
+
+#include "actuatorcontroller.h"
+#include "sim_control.h"
 
 struct InstructionUnit;
 
@@ -19,8 +23,8 @@ namespace tqltest {
 
 // A fresh copy of the demo working directory (parameter.db, file/, sim.conf)
 // in a new temporary directory, removed again on destruction. With enter =
-// true the process works inside it until destruction (for in-process tests of
-// code that opens "parameter.db" or "file/..." relative to the working directory).
+// true the process works inside it until then (for in-process tests of code
+// that opens "parameter.db" or "file/..." relative to the working directory).
 class ScratchDir {
 public:
     explicit ScratchDir(bool enter = true);
@@ -32,31 +36,28 @@ public:
     std::string File(const std::string& relative) const { return path_ + "/" + relative; }
 
 private:
-    std::string path_;
-    std::string previous_cwd_;
+    std::string path_, previous_cwd_;
     bool entered_ = false;
 };
 
 struct HostRun {
     int exit_code = -1;  // exit status, or 128 + signal, or -1 on timeout
-    std::string out;     // standard output
-    std::string err;     // standard error
+    std::string out, err;
 };
-
 using EnvList = std::vector<std::pair<std::string, std::string>>;
 
-// Runs the tql host in `dir` with the given arguments (not including the
-// program name) and standard input. The simulated bus runs on the virtual
-// clock unless env overrides TQL_SIM_CLOCK (an empty value unsets a variable).
-// The run is killed after timeout_s seconds of wall time.
-HostRun RunHost(const std::string& dir, const std::vector<std::string>& args,
-                const std::string& stdin_text = "", const EnvList& env = {},
-                double timeout_s = 120.0);
-// The same, pressing Ctrl-C (SIGINT) once standard output holds
-// `interrupt_after` (empty: never), again every 50 ms until the host ends.
+// Runs the tql host in `dir` with the given arguments (without the program
+// name) and standard input, pressing Ctrl-C (SIGINT) once standard output
+// holds `interrupt_after` (empty: never) and again every 50 ms until the host
+// ends. The bus runs on the virtual clock unless env overrides TQL_SIM_CLOCK
+// (an empty value unsets a variable). Killed after timeout_s of wall time.
 HostRun RunHostInterrupted(const std::string& dir, const std::vector<std::string>& args,
                            const std::string& stdin_text, const EnvList& env, const std::string& interrupt_after,
                            double timeout_s = 120.0);
+inline HostRun RunHost(const std::string& dir, const std::vector<std::string>& args,
+                       const std::string& stdin_text = "", const EnvList& env = {}, double timeout_s = 120.0) {
+    return RunHostInterrupted(dir, args, stdin_text, env, "", timeout_s);
+}
 
 // In-process runs on the simulated arm: starts the bus afresh in the current
 // (scratch) directory on the virtual clock, with no recording or faults from
@@ -100,6 +101,39 @@ protected:
     void TearDown() override;
 
     std::unique_ptr<ScratchDir> dir_;
+};
+
+// Base of the simulated bus's own tests: a fresh copy of the demo directory, a
+// freshly loaded bus, none of the simulator's environment variables set before
+// or after (the reset at the end closes a recording without its exit summary).
+class SimBusTest : public testing::Test {
+protected:
+    void SetUp() override { ClearEnvironment(); }
+    void TearDown() override { ClearEnvironment(); }
+    static void ClearEnvironment() {
+        for (const char* name : {"TQL_SIM_CLOCK", "TQL_SIM_ACTUATORS", "TQL_SIM_RECORD", "TQL_SIM_FAULT",
+                                 "TQL_SIM_NOISE", "TQL_SIM_HAND", "TQL_SIM_URDF"})
+            unsetenv(name);
+        tql_sim_reset();
+    }
+    // Reloads the bus with one more environment variable set.
+    static void ResetWith(const char* name, const char* value) {
+        setenv(name, value, 1);
+        tql_sim_reset();
+    }
+    static ActuatorController* Ctl() { return ActuatorController::initController(); }
+    static std::vector<ActuatorController::UnifiedID> Lookup() {
+        Actuator::ErrorsDefine ec = Actuator::ERR_NONE;
+        return Ctl()->lookupActuators(ec);
+    }
+    // Reloads the bus, then discovers and enables every actuator in `mode`.
+    static void Boot(Actuator::ActuatorMode mode = Actuator::Mode_Pos) {
+        tql_sim_reset();
+        ASSERT_TRUE(Ctl()->enableActuatorInBatch(Lookup()));
+        Ctl()->activateActuatorModeInBantch(Ctl()->getActuatorIdArray(), mode);
+    }
+
+    ScratchDir dir_;
 };
 
 // Joint vector of the six-joint demo arm, rad; the system's degree (its pi is

@@ -42,101 +42,78 @@ KDL::Chain MdhChain(const Arm& arm, const KDL::RigidBodyInertia* links) {
 }
 
 // A physically valid link: mass 0.5..5 kg, centre of mass c in a 0.2 m box,
-// inertia about c = Q diag(Ly+Lz, Lx+Lz, Lx+Ly) Q^T with second moments L > 0
-// (positive definite, triangle inequality). Returns it for KDL and writes its
-// ten standard parameters about the link origin (parallel-axis shift).
+// inertia about c diag(Ly+Lz, Lx+Lz, Lx+Ly) along randomly turned axes, second
+// moments L > 0 (positive definite, triangle inequality). Writes its ten
+// standard parameters about the link origin (KDL's reference point) to p.
 KDL::RigidBodyInertia RandomLink(std::mt19937& rng, double* p) {
     std::uniform_real_distribution<double> u(0.0, 1.0);
-    const double m = 0.5 + 4.5 * u(rng);
-    const Eigen::Vector3d c{0.2 * u(rng) - 0.1, 0.2 * u(rng) - 0.1, 0.2 * u(rng) - 0.1};
-    const Eigen::Vector3d L = m * Eigen::Vector3d{5e-4 + 0.01 * u(rng), 5e-4 + 0.01 * u(rng), 5e-4 + 0.01 * u(rng)};
-    const double rpy[3] = {7 * u(rng), 7 * u(rng), 7 * u(rng)};
-    const KDL::Rotation Q = KDL::Rotation::RPY(rpy[0], rpy[1], rpy[2]);
-    const Eigen::Matrix3d R = Eigen::Map<const Eigen::Matrix<double, 3, 3, Eigen::RowMajor>>(Q.data);
-    const Eigen::Matrix3d Ic = R * Eigen::Vector3d{L(1) + L(2), L(0) + L(2), L(0) + L(1)}.asDiagonal() * R.transpose();
-    const Eigen::Matrix3d J = Ic + m * (c.squaredNorm() * Eigen::Matrix3d::Identity() - c * c.transpose());
-    const double values[10] = {J(0, 0), J(0, 1), J(0, 2), J(1, 1), J(1, 2), J(2, 2), m * c(0), m * c(1), m * c(2), m};
-    std::copy(values, values + 10, p);
-    return KDL::RigidBodyInertia(m, KDL::Vector(c(0), c(1), c(2)),
-                                 KDL::RotationalInertia(Ic(0, 0), Ic(1, 1), Ic(2, 2), Ic(0, 1), Ic(0, 2), Ic(1, 2)));
+    double r[10], L[3];
+    for (double& x : r) x = u(rng);
+    const double m = 0.5 + 4.5 * r[0];
+    for (int k = 0; k < 3; ++k) L[k] = m * (5e-4 + 0.01 * r[1 + k]);
+    const KDL::Frame axes_at_c(KDL::Rotation::RPY(7 * r[4], 7 * r[5], 7 * r[6]),
+                               KDL::Vector(0.2 * r[7] - 0.1, 0.2 * r[8] - 0.1, 0.2 * r[9] - 0.1));
+    const KDL::RotationalInertia Ic(L[1] + L[2], L[0] + L[2], L[0] + L[1]);
+    const KDL::RigidBodyInertia link = axes_at_c * KDL::RigidBodyInertia(m, KDL::Vector::Zero(), Ic);
+    const KDL::RotationalInertia J = link.getRotationalInertia();  // about the origin (parallel axes)
+    const KDL::Vector mc = m * link.getCOG();
+    const double v[10] = {J.data[0], J.data[1], J.data[2], J.data[4], J.data[5], J.data[8], mc(0), mc(1), mc(2), m};
+    std::copy(v, v + 10, p);
+    return link;
 }
 
-void RandomState(std::mt19937& rng, double* q, double* dq, double* ddq) {
-    std::uniform_real_distribution<double> u(-1.0, 1.0);
-    for (int i = 0; i < 6; ++i) q[i] = 4 * u(rng), dq[i] = 3 * u(rng), ddq[i] = 10 * u(rng);
-}
-
-// Y(q, dq, ddq) * standard_to_base_parameters(standard) reproduces KDL's
-// inverse dynamics (gravity -z for KDL = upward base acceleration here) for
-// the demo arm and random arms (lengths, offsets, twists; joint 1 vertical).
-TEST(DynamicsRegressor, TorquesMatchKdlNewtonEuler) {
+// Over the demo arm and random arms (lengths, offsets, twists; joint 1
+// vertical) with random links and states: Y(q, dq, ddq) *
+// standard_to_base_parameters(standard) reproduces KDL's inverse dynamics
+// (gravity -z for KDL = upward base acceleration here). The moment part plus
+// the Coriolis/gravity part is Y, the gravity part is Y at rest, and joint i's
+// row has no column of links before i. 20 demo-arm states stacked leave the 36
+// base columns independent.
+TEST(DynamicsRegressor, MatchesKdlNewtonEulerAddsUpItsPartsAndHasFullRank) {
     std::mt19937 rng(303);
     std::uniform_real_distribution<double> u(-1.0, 1.0);
+    Eigen::MatrixXd W(120, 36);
     for (int arm_no = 0; arm_no < 5; ++arm_no) {
         Arm arm = kDemo;
         for (int i = 0; i < 6 && arm_no > 0; ++i) arm.a[i] = 0.3 * u(rng), arm.d[i] = 0.3 * u(rng);
         for (int i = 1; i < 6 && arm_no > 0; ++i) arm.alpha[i] = 3.1 * u(rng);
-        double standard[60], P[36];
+        double standard[60], P[36], geometry[18];  // geometry: a, alpha, d
+        for (int i = 0; i < 6; ++i) geometry[i] = arm.a[i], geometry[6 + i] = arm.alpha[i], geometry[12 + i] = arm.d[i];
         KDL::RigidBodyInertia links[6];
         for (int i = 0; i < 6; ++i) links[i] = RandomLink(rng, standard + 10 * i);
         standard_to_base_parameters(arm.a, arm.alpha, arm.d, standard, P);
         const KDL::Chain chain = MdhChain(arm, links);  // the solver keeps a reference
         KDL::ChainIdSolver_RNE rne(chain, KDL::Vector(0, 0, -kGravity));
         for (int t = 0; t < 200; ++t) {
-            double q[6], dq[6], ddq[6], Y[6][36];
-            RandomState(rng, q, dq, ddq);
             KDL::JntArray jq(6), jdq(6), jddq(6), tau(6);
-            for (int i = 0; i < 6; ++i) jq(i) = q[i], jdq(i) = dq[i], jddq(i) = ddq[i];
+            for (int i = 0; i < 6; ++i) jq(i) = 4 * u(rng), jdq(i) = 3 * u(rng), jddq(i) = 10 * u(rng);
+            const double *q = jq.data.data(), *dq = jdq.data.data(), *ddq = jddq.data.data(), zero[6] = {};
             ASSERT_GE(rne.CartToJnt(jq, jdq, jddq, KDL::Wrenches(12, KDL::Wrench::Zero()), tau), 0);
+            double Y[6][36], Ym[6][36], Ycg[6][36], Yt[6][36], Yg[6][36], Yrest[6][36];
             parameter_linearization(q, dq, ddq, arm.a, arm.alpha, arm.d, Y);
+            calculate_moment(geometry, q, ddq, Ym);
+            calculate_cg(geometry, q, dq, Ycg);
+            calculate_torque_matrix(geometry, q, dq, ddq, Yt);
+            calculate_gravity(geometry, q, Yg);
+            parameter_linearization(q, zero, zero, arm.a, arm.alpha, arm.d, Yrest);
+            const Eigen::Map<Eigen::Matrix<double, 6, 36, Eigen::RowMajor>> Ymap(&Y[0][0]);
+            if (arm_no == 0 && t < 20) W.middleRows(6 * t, 6) = Ymap;
             const double scale = std::max(1.0, tau.data.cwiseAbs().maxCoeff());
-            for (int i = 0; i < 6; ++i)
-                ASSERT_NEAR(Eigen::Map<Eigen::RowVectorXd>(Y[i], 36).dot(Eigen::Map<Eigen::VectorXd>(P, 36)), tau(i),
-                            1e-9 * scale) << "arm " << arm_no << " state " << t << " joint " << i;
+            for (int i = 0; i < 6; ++i) {
+                ASSERT_NEAR(Ymap.row(i).dot(Eigen::Map<Eigen::VectorXd>(P, 36)), tau(i), 1e-9 * scale)
+                    << "arm " << arm_no << " state " << t << " joint " << i;
+                for (int k = 0; k < 36; ++k) {
+                    ASSERT_EQ(Yt[i][k], Y[i][k]);
+                    ASSERT_NEAR(Ym[i][k] + Ycg[i][k], Y[i][k], 1e-12 * (1 + std::fabs(Y[i][k])));
+                    ASSERT_EQ(Yg[i][k], Yrest[i][k]);
+                    ASSERT_TRUE(k >= (i == 0 ? 0 : 1 + 7 * (i - 1)) || Y[i][k] == 0.0) << i << " " << k;
+                }
+            }
+            ASSERT_EQ(Y[0][0], ddq[0]);  // ZZR1 sees joint 1's acceleration only
         }
-    }
-}
-
-// The 36 base columns are independent: 20 random states stacked, demo arm.
-TEST(DynamicsRegressor, BaseColumnsIndependentAtDemoGeometry) {
-    std::mt19937 rng(404);
-    Eigen::MatrixXd W(120, 36);
-    for (int t = 0; t < 20; ++t) {
-        double q[6], dq[6], ddq[6], Y[6][36];
-        RandomState(rng, q, dq, ddq);
-        parameter_linearization(q, dq, ddq, kDemo.a, kDemo.alpha, kDemo.d, Y);
-        W.middleRows(6 * t, 6) = Eigen::Map<Eigen::Matrix<double, 6, 36, Eigen::RowMajor>>(&Y[0][0]);
     }
     const Eigen::VectorXd s = Eigen::JacobiSVD<Eigen::MatrixXd>(W).singularValues();
     EXPECT_GT(s(35) / s(0), 1e-4);  // the generator sees about 3e-2
-}
-
-// Moment part + Coriolis/gravity part = complete regressor; the gravity part
-// is the complete one at rest; joint i's row has no column of links before i.
-TEST(DynamicsRegressor, PartsAddUpToTheComplete) {
-    std::mt19937 rng(505);
-    double geometry[18];  // a, alpha, d
-    for (int i = 0; i < 6; ++i)
-        geometry[i] = kDemo.a[i], geometry[6 + i] = kDemo.alpha[i], geometry[12 + i] = kDemo.d[i];
-    const double zero[6] = {};
-    for (int t = 0; t < 200; ++t) {
-        double q[6], dq[6], ddq[6], Y[6][36], Ym[6][36], Ycg[6][36], Yt[6][36], Yg[6][36], Yrest[6][36];
-        RandomState(rng, q, dq, ddq);
-        parameter_linearization(q, dq, ddq, kDemo.a, kDemo.alpha, kDemo.d, Y);
-        calculate_moment(geometry, q, ddq, Ym);
-        calculate_cg(geometry, q, dq, Ycg);
-        calculate_torque_matrix(geometry, q, dq, ddq, Yt);
-        calculate_gravity(geometry, q, Yg);
-        parameter_linearization(q, zero, zero, kDemo.a, kDemo.alpha, kDemo.d, Yrest);
-        for (int i = 0; i < 6; ++i)
-            for (int k = 0; k < 36; ++k) {
-                ASSERT_EQ(Yt[i][k], Y[i][k]);
-                ASSERT_NEAR(Ym[i][k] + Ycg[i][k], Y[i][k], 1e-12 * (1 + std::fabs(Y[i][k])));
-                ASSERT_EQ(Yg[i][k], Yrest[i][k]);
-                ASSERT_TRUE(k >= (i == 0 ? 0 : 1 + 7 * (i - 1)) || Y[i][k] == 0.0) << i << " " << k;
-            }
-        ASSERT_EQ(Y[0][0], ddq[0]);  // ZZR1 sees joint 1's acceleration only
-    }
 }
 
 // Flange Jacobian (demo arm, mm) against KDL's (reference point at the chain
@@ -159,9 +136,7 @@ TEST(FlangeJacobian, MatchesKdlAndFiniteDifferencesOfFk) {
         fk_ur(q, T, L);
         for (int c = 0; c < 6; ++c) {
             double qp[6], qm[6], W[3][3] = {};  // W = dR/dq_c R^T
-            std::copy(q, q + 6, qp);
-            std::copy(q, q + 6, qm);
-            qp[c] += h, qm[c] -= h;
+            for (int i = 0; i < 6; ++i) qp[i] = q[i] + (i == c ? h : 0), qm[i] = q[i] - (i == c ? h : 0);
             fk_ur(qp, Tp, L);
             fk_ur(qm, Tm, L);
             for (int r = 0; r < 3; ++r)

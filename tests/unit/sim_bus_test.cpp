@@ -1,60 +1,23 @@
 // The simulated actuator bus: discovery, enabling, position following in
 // virtual time, persistence between runs, injected faults, the flight
 // recorder and the per-thread virtual clock.
-#include <gtest/gtest.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <cmath>
-#include <condition_variable>
+#include <atomic>
 #include <cstdio>
-#include <cstdlib>
-#include <iostream>
-#include <mutex>
-#include <string>
 #include <thread>
-#include <vector>
 
-#include "actuatorcontroller.h"
-#include "sim_control.h"
 #include "test_support.h"
 
 namespace {
 
 using tqltest::ReadFile;
 using tqltest::WriteFile;
+using SimBus = tqltest::SimBusTest;
 
-// Each test runs in a fresh copy of the demo directory, on a freshly loaded
-// bus, with none of the simulator's environment variables set.
-class SimBus : public ::testing::Test {
-protected:
-    void SetUp() override { ClearEnvironment(); }
-    void TearDown() override { ClearEnvironment(); }  // also closes any recording: no summary here
-    static void ClearEnvironment() {
-        for (const char* name : {"TQL_SIM_CLOCK", "TQL_SIM_ACTUATORS", "TQL_SIM_RECORD", "TQL_SIM_FAULT"})
-            unsetenv(name);
-        tql_sim_reset();
-    }
-    // Reloads the bus with one more environment variable set.
-    static void ResetWith(const char* name, const char* value) {
-        setenv(name, value, 1);
-        tql_sim_reset();
-    }
-    static ActuatorController* Ctl() { return ActuatorController::initController(); }
-    static std::vector<ActuatorController::UnifiedID> Lookup() {
-        Actuator::ErrorsDefine ec = Actuator::ERR_NONE;
-        return Ctl()->lookupActuators(ec);
-    }
-    // Discovers, enables and switches every actuator to position mode.
-    static void BootAll() {
-        EXPECT_TRUE(Ctl()->enableActuatorInBatch(Lookup()));
-        Ctl()->activateActuatorModeInBantch(Ctl()->getActuatorIdArray(), Actuator::Mode_Pos);
-    }
-
-    tqltest::ScratchDir dir_;
-};
-
-TEST_F(SimBus, DiscoveryCountsFromDefaultEnvironmentAndConfiguration) {
+// Other bus sizes and failed enabling, as the robot's boot sees them: robot_test, entry_test.
+TEST_F(SimBus, DiscoveryFromDefaultsEnvironmentAndConfiguration) {
     EXPECT_TRUE(Ctl()->getActuatorIdArray().empty()) << "nothing is known before a lookup";
     Actuator::ErrorsDefine ec = Actuator::ERR_UNKOWN;
     const auto uids = Ctl()->lookupActuators(ec);
@@ -63,51 +26,32 @@ TEST_F(SimBus, DiscoveryCountsFromDefaultEnvironmentAndConfiguration) {
     EXPECT_EQ(Ctl()->getActuatorIdArray(), (std::vector<uint8_t>{1, 2, 3, 4, 5, 6}));
     EXPECT_EQ(uids[5].actuatorID, 6);
     EXPECT_EQ(uids[5].ipAddress, "192.168.1.30");
-    EXPECT_FALSE(Ctl()->isEnable(1));
-
-    ResetWith("TQL_SIM_ACTUATORS", "7");
-    EXPECT_EQ(Lookup().size(), 7u);
+    EXPECT_FALSE(Ctl()->isEnable(6));
+    EXPECT_TRUE(Ctl()->enableActuatorInBatch(uids));
+    EXPECT_TRUE(Ctl()->isEnable(6));
     ResetWith("TQL_SIM_ACTUATORS", "0");
     EXPECT_TRUE(Ctl()->lookupActuators(ec).empty());
     EXPECT_NE(ec, Actuator::ERR_NONE);
-    unsetenv("TQL_SIM_ACTUATORS");
-    tql_sim_reset();
-    tql_sim_set_no_actuators(1);
-    EXPECT_TRUE(Lookup().empty());
-    tql_sim_set_no_actuators(0);
-    EXPECT_EQ(Lookup().size(), 6u);
 
-    WriteFile("sim.conf", "ids = 2, 4, 9   # three\nmin_position.4 = -9\nno such key here\n");  // reported, ignored
+    // An unknown key is reported and ignored; the environment clears the file's faults.
+    unsetenv("TQL_SIM_ACTUATORS");
+    WriteFile("sim.conf", "ids = 2, 4, 9   # three\nmin_position.4 = -9\nfault = enable_failure\nno such key\n");
     tql_sim_reset();
-    Lookup();
+    EXPECT_FALSE(Ctl()->enableActuatorInBatch(Lookup()));
     EXPECT_EQ(Ctl()->getActuatorIdArray(), (std::vector<uint8_t>{2, 4, 9}));
     EXPECT_DOUBLE_EQ(Ctl()->getMinimumPosition(4, true), -9.0);
     EXPECT_EQ(Ctl()->getPosition(42, true), 0.0);  // unknown ids answer zero
-}
-
-TEST_F(SimBus, EnableFailureFromControlAndFile) {
-    const auto uids = Lookup();
-    tql_sim_set_enable_failure(1);
-    EXPECT_FALSE(Ctl()->enableActuatorInBatch(uids));
-    EXPECT_FALSE(Ctl()->isEnable(1));
-    tql_sim_set_enable_failure(0);
-    EXPECT_TRUE(Ctl()->enableActuatorInBatch(uids));
-    EXPECT_TRUE(Ctl()->isEnable(6));
-    WriteFile("sim.conf", "fault = enable_failure\n");
-    tql_sim_reset();
-    EXPECT_FALSE(Ctl()->enableActuatorInBatch(Lookup()));
-    ResetWith("TQL_SIM_FAULT", "none");  // the environment clears the file's faults
+    ResetWith("TQL_SIM_FAULT", "none");
     EXPECT_TRUE(Ctl()->enableActuatorInBatch(Lookup()));
 }
 
 TEST_F(SimBus, ActuatorsFollowSetPointsInVirtualTime) {
-    ResetWith("TQL_SIM_CLOCK", "virtual");
+    setenv("TQL_SIM_CLOCK", "virtual", 1);
+    Boot();
     ASSERT_EQ(tql_sim_virtual_clock(), 1);
-    BootAll();
     int reports = 0;
     Ctl()->addParaRequestCallback([&](ActuatorController::UnifiedID, uint8_t, double) { ++reports; });
-    // 0.01 revolutions per 4 ms period = 150 rpm.
-    for (int k = 1; k <= 50; ++k) {
+    for (int k = 1; k <= 50; ++k) {  // 0.01 revolutions per 4 ms period = 150 rpm
         Ctl()->setPosition(2, 0.01 * k);
         tql_sim_sleep(0.004);
         ASSERT_DOUBLE_EQ(Ctl()->getPosition(2, true), 0.01 * k);
@@ -119,23 +63,21 @@ TEST_F(SimBus, ActuatorsFollowSetPointsInVirtualTime) {
     tql_sim_sleep(0.1);
     EXPECT_DOUBLE_EQ(Ctl()->getVelocity(2, true), 0.0) << "no new set-point: standing still";
 
-    // Fast reads return what was last received; a request is answered by
-    // processEvents, which also reports to the callbacks.
+    // Fast reads return what was last received; processEvents answers a
+    // request and reports it to the callbacks (current, velocity, position).
     Ctl()->setPosition(2, 0.6);
     Ctl()->requestCVPValue(2);
     EXPECT_DOUBLE_EQ(Ctl()->getPosition(2, false), 0.5);
     Ctl()->processEvents();
     EXPECT_DOUBLE_EQ(Ctl()->getPosition(2, false), 0.6);
-    EXPECT_EQ(reports, 3);  // current, velocity, position
-
-    // A disabled actuator does not follow.
+    EXPECT_EQ(reports, 3);
     EXPECT_TRUE(Ctl()->disableActuator(4));
     Ctl()->setPosition(4, 0.3);
-    EXPECT_DOUBLE_EQ(Ctl()->getPosition(4, true), 0.0);
+    EXPECT_DOUBLE_EQ(Ctl()->getPosition(4, true), 0.0) << "a disabled actuator does not follow";
 }
 
 TEST_F(SimBus, ArmKeepsPositionsSavedSettingsAndHomeBetweenRuns) {
-    BootAll();
+    Boot();
     Ctl()->setPosition(1, 2.5);
     Ctl()->setMinimumPosition(2, -9.0);
     ASSERT_TRUE(Ctl()->saveAllParams(2));
@@ -152,7 +94,7 @@ TEST_F(SimBus, ArmKeepsPositionsSavedSettingsAndHomeBetweenRuns) {
     EXPECT_DOUBLE_EQ(Ctl()->getMinimumPosition(2, true), -9.0);
     EXPECT_DOUBLE_EQ(Ctl()->getMaximumPosition(3, true), 17.0);
     EXPECT_NEAR(Ctl()->getPosition(4, true), 0.0, 1e-12);
-    BootAll();
+    Boot();
     Ctl()->setPosition(4, 1.0);
     EXPECT_DOUBLE_EQ(Ctl()->getPosition(4, true), 1.0) << "relative to the new zero";
 
@@ -162,23 +104,21 @@ TEST_F(SimBus, ArmKeepsPositionsSavedSettingsAndHomeBetweenRuns) {
     tql_sim_reset();
     EXPECT_DOUBLE_EQ(Ctl()->getMaximumPosition(1, true), 17.0) << "a failed save keeps nothing";
 
+    // A state file that is not wholly valid is ignored as a whole.
     const std::string no_offset = "sim_state 1\nactuator id=1 position=2", a1 = no_offset + " homing_offset=0";
-    for (const std::string& corrupt : {std::string("garbage\n"), a1 + " min_position=-3\n",  // settings half there
-                                       no_offset + "\n", a1 + "\nactuator id=1 position=3 homing_offset=0\n",
-                                       a1 + "\nactuator id=300 position=2 homing_offset=0\n",
-                                       a1 + "\nactuator id=2 position=nan homing_offset=0\n"}) {
-        WriteFile("sim_state.txt", corrupt);
+    for (const std::string& state : {std::string("garbage\n"), a1 + " min_position=-3\n", no_offset + "\n",
+                                     a1 + "\nactuator id=1 position=3 homing_offset=0\n",
+                                     a1 + "\nactuator id=300 position=2 homing_offset=0\n",
+                                     a1 + "\nactuator id=2 position=nan homing_offset=0\n", a1 + ".5\n"}) {
+        WriteFile("sim_state.txt", state);
         tql_sim_reset();
-        EXPECT_DOUBLE_EQ(Ctl()->getPosition(1, true), 0.0) << corrupt;
-        EXPECT_DOUBLE_EQ(Ctl()->getMinimumPosition(1, true), -17.0) << corrupt;
+        EXPECT_DOUBLE_EQ(Ctl()->getPosition(1, true), state == a1 + ".5\n" ? 1.5 : 0.0) << state;
+        EXPECT_DOUBLE_EQ(Ctl()->getMinimumPosition(1, true), -17.0) << state;
     }
-    WriteFile("sim_state.txt", a1 + ".5\n");
-    tql_sim_reset();
-    EXPECT_DOUBLE_EQ(Ctl()->getPosition(1, true), 1.5);
 }
 
 TEST_F(SimBus, InjectedErrorAppearsAtTheKthSetPointWithCallback) {
-    BootAll();
+    Boot();
     std::vector<std::pair<int, unsigned>> seen;
     // The callback calls back into the bus: it must not run under the bus lock.
     Ctl()->addErrorCallback([&](ActuatorController::UnifiedID id, uint16_t code, std::string text) {
@@ -206,8 +146,8 @@ TEST_F(SimBus, InjectedErrorAppearsAtTheKthSetPointWithCallback) {
 
 TEST_F(SimBus, FlightRecorderWritesEveryCommandAndCountsLimitBreaches) {
     setenv("TQL_SIM_CLOCK", "virtual", 1);
-    ResetWith("TQL_SIM_RECORD", "rec.csv");
-    BootAll();  // 6 enable rows + 6 mode rows
+    setenv("TQL_SIM_RECORD", "rec.csv", 1);
+    Boot();  // 6 enable rows + 6 mode rows
     for (const auto& sp : std::vector<std::pair<double, double>>{
              {0.2, 0.0},        // from rest at the mode switch
              {0.004, 0.1},      // 1500 rpm: within 1800
@@ -216,7 +156,7 @@ TEST_F(SimBus, FlightRecorderWritesEveryCommandAndCountsLimitBreaches) {
              {0.004, 17.5},     // beyond the maximum position
              {1.0, 17.0},       // exactly at the limit is allowed
              {2.0, -17.5}}) {   // beyond the minimum
-        if (sp.first > 0.0) tql_sim_sleep(sp.first);
+        tql_sim_sleep(sp.first);
         Ctl()->setPosition(1, sp.second);
     }
     EXPECT_EQ(tql_sim_command_count(), 19);
@@ -231,13 +171,11 @@ TEST_F(SimBus, FlightRecorderWritesEveryCommandAndCountsLimitBreaches) {
 }
 
 TEST_F(SimBus, ProcessExitWritesStateAndOneSummaryLine) {
-    std::cout.flush();
-    std::fflush(nullptr);
-    const std::string err_path = dir_.File("child.err");
+    std::fflush(nullptr);  // the child must not write this process's buffered output again
     const pid_t pid = fork();
     ASSERT_GE(pid, 0);
     if (pid == 0) {  // a run of its own: record, move, exit normally
-        if (std::freopen(err_path.c_str(), "w", stderr) == nullptr) _exit(2);
+        if (std::freopen("child.err", "w", stderr) == nullptr) _exit(2);
         setenv("TQL_SIM_RECORD", "exit.csv", 1);
         tql_sim_reset();
         Ctl()->enableActuatorInBatch(Lookup());
@@ -248,8 +186,8 @@ TEST_F(SimBus, ProcessExitWritesStateAndOneSummaryLine) {
     int status = 0;
     ASSERT_EQ(waitpid(pid, &status, 0), pid);
     ASSERT_TRUE(WIFEXITED(status));
-    EXPECT_EQ(ReadFile(err_path), "sim: 8 commands, 1 beyond limits\n");
-    EXPECT_EQ(tqltest::CountOf(ReadFile(dir_.File("exit.csv")), "\n"), 9);
+    EXPECT_EQ(ReadFile("child.err"), "sim: 8 commands, 1 beyond limits\n");
+    EXPECT_EQ(tqltest::CountOf(ReadFile("exit.csv"), "\n"), 9);
     tql_sim_reset();  // this process now finds the state the child left
     EXPECT_DOUBLE_EQ(Ctl()->getPosition(6, true), 17.0) << "the set-point stops at the limit";
 }
@@ -259,24 +197,15 @@ TEST_F(SimBus, ProcessExitWritesStateAndOneSummaryLine) {
 TEST_F(SimBus, VirtualClockIsTheLatestWakeOfAnyThread) {
     EXPECT_EQ(tql_sim_virtual_clock(), 0) << "real clock by default";
     ResetWith("TQL_SIM_CLOCK", "virtual");
-    std::mutex m;
-    std::condition_variable cv;
-    int arrived = 0, round = 0;
-    auto worker = [&] {
-        for (int i = 0; i < 250; ++i) {
+    std::atomic<int> slept[2] = {{0}, {0}};
+    auto worker = [&](int me) {
+        for (int i = 1; i <= 250; ++i) {
             tql_sim_sleep(0.004);
-            std::unique_lock<std::mutex> lock(m);
-            const int my_round = round;
-            if (++arrived == 2) {
-                arrived = 0;
-                ++round;
-                cv.notify_all();
-            } else {
-                cv.wait(lock, [&] { return round != my_round; });
-            }
+            slept[me] = i;
+            while (slept[1 - me] < i) std::this_thread::yield();
         }
     };
-    std::thread a(worker), b(worker);
+    std::thread a(worker, 0), b(worker, 1);
     a.join();
     b.join();
     const double both = tql_sim_now();  // the second thread may start one period later

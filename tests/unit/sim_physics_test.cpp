@@ -1,18 +1,13 @@
 // The simulated arm's physical world, against an independent KDL model of the
 // demo arm built from its modified-DH table: forward and inverse dynamics,
 // falling, brakes and the scripted hand in current mode, reading noise.
-#include <gtest/gtest.h>
-
-#include <cmath>
-#include <cstdlib>
 #include <kdl/chain.hpp>
 #include <kdl/chainfdsolver_recursive_newton_euler.hpp>
 #include <kdl/chainidsolver_recursive_newton_euler.hpp>
-#include <random>
-#include <vector>
 
-#include "actuatorcontroller.h"
-#include "sim_control.h"
+#include <cmath>
+#include <random>
+
 #include "sim_world.h"
 #include "test_support.h"
 
@@ -24,8 +19,7 @@ const double kA[6] = {0, 0, 0.244, 0.213, 0, 0}, kD[6] = {0.152, 0, 0, 0.112, 0.
 const double kDirection[6] = {1, 1, -1, 1, -1, 1};  // the demo database's joint directions
 const KDL::Vector kGravity(0, 0, -9.80665);
 
-double Raw(int j, double q) { return q / (2 * kPi) * 36.0 * kDirection[j]; }
-ActuatorController* Ctl() { return ActuatorController::initController(); }
+double Raw(int j, double q) { return q / (2 * kPi) * 36.0 * kDirection[j]; }  // joint rad -> actuator rev
 KDL::Wrenches NoWrenches(const KDL::Chain& c) { return KDL::Wrenches(c.getNrOfSegments(), KDL::Wrench::Zero()); }
 
 // The demo arm from its DH table, carrying the link masses the world read.
@@ -37,12 +31,12 @@ struct DemoArm {
         EXPECT_TRUE(world.Load(TQL_SOURCE_DIR "/demo/arm.urdf", &problem)) << problem;
         for (int i = 0; i < world.joints(); ++i) {
             const tqlsim::LinkInertia l = world.link(i);
-            const KDL::RotationalInertia I(l.inertia[0], l.inertia[1], l.inertia[2], l.inertia[3], l.inertia[4],
-                                           l.inertia[5]);
+            const double *I = l.inertia, *c = l.com;
+            const KDL::RotationalInertia Ic(I[0], I[1], I[2], I[3], I[4], I[5]);
             chain.addSegment(KDL::Segment(KDL::Joint(KDL::Joint::None),
                                           KDL::Frame::DH_Craig1989(kA[i], kAlpha[i], kD[i], kOffset[i])));
             chain.addSegment(KDL::Segment(KDL::Joint(KDL::Joint::RotZ), KDL::Frame::Identity(),
-                                          KDL::RigidBodyInertia(l.mass, KDL::Vector(l.com[0], l.com[1], l.com[2]), I)));
+                                          KDL::RigidBodyInertia(l.mass, KDL::Vector(c[0], c[1], c[2]), Ic)));
         }
     }
     // Joint i's torque: inverse dynamics plus the file's viscous and Coulomb friction.
@@ -53,30 +47,21 @@ struct DemoArm {
     }
 };
 
-class SimPhysics : public ::testing::Test {
+class SimPhysics : public tqltest::SimBusTest {
 protected:
     void SetUp() override {
+        SimBusTest::SetUp();
         if (!tqlsim::World::Built()) GTEST_SKIP() << "bus built without physics";
         setenv("TQL_SIM_CLOCK", "virtual", 1);
+        setenv("TQL_SIM_NOISE", "0", 1);  // exact readings
     }
-    void TearDown() override {
-        for (const char* v : {"TQL_SIM_CLOCK", "TQL_SIM_NOISE", "TQL_SIM_HAND", "TQL_SIM_URDF"}) unsetenv(v);
-    }
-    // A fresh arm, every actuator enabled in `mode`.
-    static void Boot(Actuator::ActuatorMode mode) {
-        tql_sim_reset();
-        Actuator::ErrorsDefine ec;
-        ASSERT_TRUE(Ctl()->enableActuatorInBatch(Ctl()->lookupActuators(ec)));
-        Ctl()->activateActuatorModeInBantch(Ctl()->getActuatorIdArray(), mode);
-    }
-    tqltest::ScratchDir dir_;
 };
 
 TEST_F(SimPhysics, WorldIsThePlausibleDhArmAndMovesAsKdlSays) {
     DemoArm arm;
     ASSERT_EQ(arm.world.joints(), 6);
     for (int i = 0; i < 6; ++i) {  // physically valid links
-        const tqlsim::LinkInertia link = arm.world.link(i);
+        const tqlsim::LinkInertia link = arm.world.link(i);  // a copy: keep it while I points into it
         const double* I = link.inertia;
         EXPECT_GT(link.mass, 0.2);
         EXPECT_TRUE(I[0] + I[1] >= I[2] && I[1] + I[2] >= I[0] && I[0] + I[2] >= I[1]) << i;
@@ -107,8 +92,7 @@ TEST_F(SimPhysics, WorldIsThePlausibleDhArmAndMovesAsKdlSays) {
 // A smooth commanded motion: the currents read, times kt * direction, are the
 // torques the DH model needs along it (the finite differences cost 0.004 N*m).
 TEST_F(SimPhysics, PositionModeReadsTheInverseDynamicsOfTheCommandedMotion) {
-    setenv("TQL_SIM_NOISE", "0", 1);
-    ASSERT_NO_FATAL_FAILURE(Boot(Actuator::Mode_Pos));
+    ASSERT_NO_FATAL_FAILURE(Boot());
     ASSERT_EQ(tql_sim_physics(), 1);
     DemoArm arm;
     const double q0[6] = {0.3, 0.5, -0.8, 0.4, 0.6, -0.2}, amp[6] = {0.4, -0.3, 0.35, 0.5, -0.4, 0.6}, w = 2.0;
@@ -133,12 +117,11 @@ TEST_F(SimPhysics, PositionModeReadsTheInverseDynamicsOfTheCommandedMotion) {
     }
 }
 
-// Zero current: the arm falls (once the drives have a current set-point),
-// joint 2 stops hard at its limit; a disabled
-// actuator's joint holds; leaving current mode keeps the position reached.
+// Zero current: the arm falls once the drives have a current set-point, and
+// joint 2 stops hard at its limit; a disabled actuator's joint holds; leaving
+// current mode keeps the position reached.
 TEST_F(SimPhysics, CurrentModeFallsToTheLimitAndBrakesHold) {
-    setenv("TQL_SIM_NOISE", "0", 1);
-    ASSERT_NO_FATAL_FAILURE(Boot(Actuator::Mode_Pos));
+    ASSERT_NO_FATAL_FAILURE(Boot());
     Ctl()->setPosition(2, Raw(1, 0.5));
     Ctl()->setPosition(4, Raw(3, 0.7));
     ASSERT_TRUE(Ctl()->disableActuator(4));
@@ -163,7 +146,7 @@ TEST_F(SimPhysics, CurrentModeFallsToTheLimitAndBrakesHold) {
 TEST_F(SimPhysics, ScriptedHandPullsAJointToItsTarget) {
     tqltest::WriteFile("hand.csv", "# ramp, hold\ntime,j1,j2,j3,j4,j5,j6\n0, 0,,,,,\n1, 40,,,,,\n3, 40,,,,,\n");
     setenv("TQL_SIM_HAND", "hand.csv", 1);
-    ASSERT_NO_FATAL_FAILURE(Boot(Actuator::Mode_Pos));
+    ASSERT_NO_FATAL_FAILURE(Boot());
     Ctl()->activateActuatorModeInBantch({1}, Actuator::Mode_Cur);  // the hand's clock starts
     Ctl()->setCurrent(1, 0.0);
     tql_sim_sleep(0.5);
@@ -178,7 +161,8 @@ TEST_F(SimPhysics, NoiseIsSeededWithTheConfiguredSpreadAndPhysicsNeedsAMatchingW
         while (n-- > 0) v.push_back(Ctl()->getCurrent(2, true));
         return v;
     };
-    ASSERT_NO_FATAL_FAILURE(Boot(Actuator::Mode_Pos));
+    unsetenv("TQL_SIM_NOISE");  // sim.conf's spread: 0.02 of the 10 A peak current
+    ASSERT_NO_FATAL_FAILURE(Boot());
     tql_sim_set_current_noise(0.0);
     const double exact = readings(1)[0];
     tql_sim_set_current_noise(0.02);
@@ -186,11 +170,11 @@ TEST_F(SimPhysics, NoiseIsSeededWithTheConfiguredSpreadAndPhysicsNeedsAMatchingW
     double mean = 0, var = 0;
     for (double x : a) mean += x / a.size(), var += (x - exact) * (x - exact) / a.size();
     EXPECT_NEAR(mean, exact, 0.02);
-    EXPECT_NEAR(std::sqrt(var), 0.2, 0.01) << "0.02 of the 10 A peak current";
-    ASSERT_NO_FATAL_FAILURE(Boot(Actuator::Mode_Pos));
+    EXPECT_NEAR(std::sqrt(var), 0.2, 0.01);
+    ASSERT_NO_FATAL_FAILURE(Boot());
     EXPECT_EQ(readings(4000), a) << "same seed, same readings";
     tqltest::WriteFile("sim.conf", tqltest::ReadFile("sim.conf") + "noise_seed = 2\n");
-    ASSERT_NO_FATAL_FAILURE(Boot(Actuator::Mode_Pos));
+    ASSERT_NO_FATAL_FAILURE(Boot());
     EXPECT_NE(readings(1)[0], a[0]);
 
     for (const auto& env : std::vector<std::pair<const char*, const char*>>{
