@@ -12,8 +12,6 @@ namespace {
 
 // Model shift of joints 2 and 4 (the system's truncated pi/2).
 constexpr double kHalfPi = 1.5707963;
-// Fixed twist angles of the six-axis model, radians.
-constexpr double kAlpha[kDynamicsJointNum] = {0.0, 1.5707963, 0.0, 0.0, -1.5707963, 1.5707963};
 
 // Gravity-compensation gain accepted as it is; anything else reads 1.0.
 constexpr double kMinGravityGain = 0.4999999;
@@ -47,13 +45,17 @@ double signd(double x) {
     return 0.0;
 }
 
-void InverserDynamicsUr(double* a, double* d, double* q, double* dq, double* ddq, double* tau, double* P) {
-    double theta[kDynamicsJointNum];
+void ModelAngles(const double* q, double* theta) {
     for (int i = 0; i < kDynamicsJointNum; ++i) theta[i] = q[i];
     theta[1] += kHalfPi;
     theta[3] -= kHalfPi;
+}
+
+void InverserDynamicsUr(double* a, double* d, double* q, double* dq, double* ddq, double* tau, double* P) {
+    double theta[kDynamicsJointNum];
+    ModelAngles(q, theta);
     double Y[kDynamicsJointNum][kBaseParameterNum];
-    parameter_linearization(theta, dq, ddq, a, kAlpha, d, Y);
+    parameter_linearization(theta, dq, ddq, a, kModelAlpha, d, Y);
     mul_matrix(&Y[0][0], P, tau, kDynamicsJointNum, kBaseParameterNum, 1);
 }
 

@@ -66,6 +66,11 @@ void standard_to_base_parameters(const double* a, const double* alpha, const dou
 
 // ---- model
 
+// Fixed twist angles of the six-axis model, radians, joint 1 first.
+constexpr double kModelAlpha[kDynamicsJointNum] = {0.0, 1.5707963, 0.0, 0.0, -1.5707963, 1.5707963};
+// Model angles theta of user-zero joint angles q (6 each): joint 2 shifted by
+// +1.5707963, joint 4 by -1.5707963.
+void ModelAngles(const double* q, double* theta);
 // tau (6, N*m) for user-zero q, dq, ddq, geometry a, d (metres) and P (36).
 void InverserDynamicsUr(double* a, double* d, double* q, double* dq, double* ddq, double* tau, double* P);
 // Sign with a dead band, for Coulomb friction: 1 above 1e-5, -1 below -1e-5, else 0.

@@ -13,10 +13,9 @@
 namespace tqltools {
 namespace {
 
-// The robot type with a dynamic model, its actuator type and twist angles.
+// The robot type with a dynamic model and its actuator type.
 constexpr const char* kDynamicsType = "GL_6L3";
 constexpr int kDynamicsActuatorType = 1;
-constexpr double kAlpha[kJoints] = {0.0, 1.5707963, 0.0, 0.0, -1.5707963, 1.5707963};
 constexpr double kDegToRad = 3.1415926 / 180.0;
 
 struct DbCloser {
@@ -114,7 +113,7 @@ bool LoadArmModel(const std::string& db_path, ArmModel* model, std::string* erro
     for (int i = 0; i < kJoints; ++i) {
         m.speed_limit[i] = speed[i] * kDegToRad;
         m.acceleration_limit[i] = acceleration[i] * kDegToRad;
-        m.alpha[i] = kAlpha[i];
+        m.alpha[i] = kModelAlpha[i];
         LinkUnit joint;
         joint.InitActuator(static_cast<unsigned char>(i + 1), kDynamicsActuatorType);
         m.kt[i] = joint.kt_;
@@ -178,9 +177,7 @@ bool WriteTypeRow(const std::string& db_path, const std::string& type_name, int 
 void IdentificationRegressor(const ArmModel& model, const double* q, const double* dq, const double* ddq,
                              double (*W)[kIdentifiedColumns]) {
     double theta[kJoints];
-    for (int i = 0; i < kJoints; ++i) theta[i] = q[i];
-    theta[1] += 1.5707963;
-    theta[3] -= 1.5707963;
+    ModelAngles(q, theta);
     double Y[kJoints][kBaseParameterNum];
     parameter_linearization(theta, dq, ddq, model.a, model.alpha, model.d, Y);
     for (int i = 0; i < kJoints; ++i) {
