@@ -4,7 +4,7 @@
 BEGIN TRANSACTION;
 CREATE TABLE system_parameters (ID INTEGER PRIMARY KEY NOT NULL, NAME TEXT NOT NULL, VALUE TEXT NOT NULL);
 INSERT INTO system_parameters VALUES (1, 'robot_type', 'GL_6L3');
-INSERT INTO system_parameters VALUES (2, 'dynamics_switch', 'OFF');
+INSERT INTO system_parameters VALUES (2, 'dynamics_switch', 'ON');
 INSERT INTO system_parameters VALUES (3, 'gravity_gain', '1.0');
 INSERT INTO system_parameters VALUES (4, 'collision_switch', 'OFF');
 INSERT INTO system_parameters VALUES (5, 'collision_factor', '1.5');

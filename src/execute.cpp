@@ -44,9 +44,16 @@ int NotYetAvailable() {
 // Repetitions of the excitation in an identification run.
 constexpr int kExcitationRepetitions = 16;
 
-// The program run (mode4) and the identification run (admin) are built; every
-// other mode word names a job that is not.
+// The trajectory the operator records by hand and replays.
+constexpr char kTrajectoryFileName[] = "file/trajectory.txt";
+
+// Teaching, replay, programs and identification are built; the maintenance
+// procedures are not.
 int Dispatch(const std::string& word) {
+    Robot* robot = GetCurrentRobot();
+    if (word == "mode1") return RecordContinuousPointInDragTeachMode(robot, kTrajectoryFileName);
+    if (word == "mode2") return MoveTrajectory(robot, kTrajectoryFileName, true);
+    if (word == "mode3") return RecordSinglePointInDragTeachMode(robot, kProgramFileName);
     if (word == "mode4") return ExecuteFileInstruction(GetCurrentRobot(), kProgramFileName);
     if (word == "admin") return MoveExcitationTrajectories(GetCurrentRobot(), kExcitationRepetitions);
     if (IsModeWord(word.c_str())) return NotYetAvailable();

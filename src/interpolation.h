@@ -178,11 +178,79 @@ int JogInJointCoordinateSystem(int joint, double step);
 int JogInCartesianCoordinateSystem(int axis, double step);
 
 // ---- trajectory files
+//
+// One line per sample, in time order, samples 4 ms apart when recorded: one
+// number per joint separated by "," (no spaces), six significant digits, no
+// header. Recorded trajectories hold degrees. In memory: row-major doubles,
+// sample k, joint j at k * cols + j.
+
+// Longest continuous recording, minutes.
+constexpr int max_continuous_record_time = 5;
+// Samples a trajectory may hold: 5 minutes of 4 ms periods.
+constexpr int kMaxTrajectoryRows = static_cast<int>(60.0 * max_continuous_record_time / PERIOD);
+static_assert(kMaxTrajectoryRows == 75000, "five minutes of 4 ms samples");
 
 // Writes rows x cols values, row-major, one line per row, "," between values,
 // six significant digits. The file appears whole or not at all. 0, or -1
 // (reported through the error channel) when it cannot be written.
 int SaveMatrixToFile(std::string file_name, double* data, int rows, int cols);
+// Reads at most max_rows lines (of at most 255 characters; reading stops at a
+// longer one) into data, cols values each, and stores the count in *rows.
+// -1 when the file cannot be opened or holds no line (" is an empty file.").
+int GetMatrixFromFile(std::string file_name, double* data, int max_rows, int cols, int* rows);
+// Reads up to n numbers separated by "," from line (atof: a non-number reads
+// as 0; missing numbers leave their slots untouched, extra ones are ignored).
+// -1 for a null line.
+int DecodeCharLine(const char* line, double* values, int n);
+
+// ---- replay
+
+// Moves to the first sample, then sends samples 1 .. rows-1 (joint vectors,
+// rad) unchanged, one every int(4 / override) ms. -1 when stopped or refused.
+int MoveTrajectoryOnce(Robot* robot, double* samples, int rows);
+// Replays a trajectory file (degrees) at the operator's override, once or
+// again and again until stopped (a cyclic replay then still returns 0).
+int MoveTrajectory(Robot* robot, std::string file_name, bool cyclic);
+
+// ---- hand guiding
+
+// What the arm is doing for the monitoring loop. Drag teaching: the arm
+// floats in current mode under the operator's hand. The two replay modes: the
+// arm holds its pose in position mode, ready for a replay the host starts.
+enum RunningMode {
+    kDragTeachingMode = 0,
+    kReplayTrajectoryMode = 1,
+    kReplayPathMode = 2,
+};
+// Stores the mode and sets the stop flag, so any running loop ends.
+void SetRunningMode(RunningMode mode);
+RunningMode GetCurrentRunningMode();
+// Monitoring loop (a thread body, or the host's thread): every 4 ms asks the
+// actuators for current, velocity and position, publishes the position as the
+// real-time position and, with the dynamics switch on, sends gravity
+// compensation. Runs while the mode is drag teaching. 0, or -1 when started
+// in another mode.
+int RealTimeMonitoring();
+// Ends drag teaching from the recorder's side (terminal use only): asks the
+// operator to hold the arm when compensation is on, then leaves the mode.
+void MultiThreadTrigger();
+// Position mode holding the present pose.
+int ReplayMode();
+// Console report of one actuator reading (velocity, position or current).
+void ActuatorCallBack(ActuatorController::UnifiedID id, unsigned char attribute, double value);
+
+// ---- drag teaching (two threads: monitoring and a recorder)
+
+// Teaching dialogue writing a motion program, one taught point per answer.
+int RecordSinglePointInDragTeachMode(Robot* robot, std::string file_name);
+// Records the joints every 4 ms until Ctrl-C, then saves a trajectory file.
+int RecordContinuousPointInDragTeachMode(Robot* robot, std::string file_name);
+// The point recorder: the terminal dialogue, or the host's variant.
+int RecordSinglePosition(std::string file_name);
+int RecordSinglePositionFromTerminal(std::string file_name);
+int RecordSinglePositionFromInterface(std::string file_name);
+// The continuous recorder (thread body). 0, or -1.
+int RecordContinuousPosition(std::string file_name);
 
 // Program move table runners (declared beside the segments they stream).
 #include "path_list.h"

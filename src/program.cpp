@@ -26,11 +26,6 @@ std::atomic<int> operation_cycle_mode{CYCLE};
 std::atomic<bool> is_smooth_replay{false};
 std::atomic<double> replay_override{1.0};
 
-// Bounds of an accepted override, slightly widened so that 0.1 and 1 typed by
-// a person pass despite decimal rounding.
-constexpr double kOverrideLow = 0.0999999;
-constexpr double kOverrideHigh = 1.000001;
-
 // Pause between two runs of a CONTINUOUS cycle, ms.
 constexpr double kContinuousPauseMs = 500.0;
 // The CONTINUOUS counter runs 1..kCycleCountWrap - 1 and wraps.

@@ -85,6 +85,12 @@ extern double joint_space[4];             // joint speed factor
 extern double cartesian_space_trans[4];   // Cartesian translation speed factor
 extern double cartesian_space_rot[4];     // Cartesian rotation speed factor
 
+// Range of the replay override accepted by SetSpeedOverride: (kOverrideLow,
+// kOverrideHigh], i.e. 0.1 .. 1 slightly widened so that 0.1 and 1 typed by a
+// person pass despite decimal rounding.
+constexpr double kOverrideLow = 0.0999999;
+constexpr double kOverrideHigh = 1.000001;
+
 void InitSpeedOverride();
 void SetReplayOverride(double value);
 double GetReplayOverride();

@@ -135,7 +135,7 @@ TEST(Writes, UpdateRobotTypeAndDynamicsSwitch) {
 TEST(GetParametersFromDatabase, SixJointArm) {
     ScratchDir dir;
     ASSERT_EQ(Select(), 0);
-    EXPECT_FALSE(GetResourceDate()->dynamics_switch);
+    EXPECT_TRUE(GetResourceDate()->dynamics_switch);  // the demo arm has a dynamic model
     Robot robot;
     std::string out;
     ASSERT_EQ(ApplyToRobot(robot, 6, &out), 0);
