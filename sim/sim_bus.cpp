@@ -7,8 +7,10 @@
 #include <atomic>
 #include <climits>
 #include <cmath>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
+#include <limits>
 
 #include "sim_bus.h"
 
@@ -17,6 +19,9 @@ namespace {
 
 std::atomic<bool> bus_loaded{false};
 bool exit_handler_registered = false;  // guarded by the bus mutex
+// Bus time of the earliest scripted interrupt not yet raised (infinite: none),
+// so calls need no scan of the list, and the clock functions no lock, until then.
+std::atomic<double> next_interrupt{std::numeric_limits<double>::infinity()};
 
 std::string CurrentDirectory() {
     char buf[PATH_MAX];
@@ -75,6 +80,7 @@ void LoadBus(Bus& bus) {
     bus.directory = CurrentDirectory();
     bus.config = LoadConfig(bus.directory);
     StartClock(bus.config.virtual_clock);
+    ArmInterrupts(bus);
 
     std::string problem;
     const std::string state_path = bus.directory + "/sim_state.txt";
@@ -101,6 +107,41 @@ void LoadBus(Bus& bus) {
     }
     bus.loaded = true;
     bus_loaded.store(true);
+}
+
+void ArmInterrupts(Bus& bus) {
+    double next = std::numeric_limits<double>::infinity();
+    for (const ScriptedInterrupt& i : bus.config.interrupts)
+        if (!i.fired) next = std::min(next, i.at_time);
+    next_interrupt.store(next);
+}
+
+int TakeDueInterrupts(Bus& bus, double now) {
+    if (now < next_interrupt.load()) return 0;
+    int due = 0;
+    for (ScriptedInterrupt& i : bus.config.interrupts) {
+        if (i.fired || now < i.at_time) continue;
+        i.fired = true;
+        ++due;
+    }
+    ArmInterrupts(bus);
+    return due;
+}
+
+void RaiseInterrupts(int count) {
+    // One per listed time, as the operator pressing Ctrl-C that often.
+    for (int k = 0; k < count; ++k) std::raise(SIGINT);
+}
+
+void RaiseDueInterrupts() {
+    if (BusNow() < next_interrupt.load()) return;
+    int due = 0;
+    {
+        Bus& bus = TheBus();
+        std::lock_guard<std::mutex> lock(bus.mutex);
+        due = TakeDueInterrupts(bus, BusNow());
+    }
+    RaiseInterrupts(due);
 }
 
 void EnsureLoaded() {
@@ -169,6 +210,7 @@ BusCall::BusCall() : bus(TheBus()), now(0.0), lock_(TheBus().mutex) {
         f.fired = true;
         if (SimActuator* a = FindActuator(bus, f.id)) RaiseError(*this, *a, f.code);
     }
+    interrupts = TakeDueInterrupts(bus, now);
 }
 
 BusCall::~BusCall() {
@@ -178,6 +220,7 @@ BusCall::~BusCall() {
     if (!paras.empty()) para_cbs = bus.para_callbacks;
     const std::string ip = bus.config.ip_address;
     lock_.unlock();
+    RaiseInterrupts(interrupts);
     // The callbacks belong to the caller; an exception from one has nowhere to go.
     try {
         for (const ErrorNotice& e : errors)

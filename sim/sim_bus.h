@@ -68,6 +68,13 @@ struct ErrorFault {
     bool fired = false;
 };
 
+// The scripted operator's Ctrl-C: SIGINT, raised once by the first bus call
+// at or after `at_time` (bus seconds).
+struct ScriptedInterrupt {
+    double at_time = 0.0;
+    bool fired = false;
+};
+
 struct Faults {
     bool no_actuators = false;
     bool enable_failure = false;
@@ -90,6 +97,7 @@ struct Config {
     std::string hand_path;              // scripted operator hand (CSV); empty: none
     Drive drive;                        // every actuator's drive train ...
     std::map<uint8_t, Drive> drive_per_id;  // ... unless given for one actuator
+    std::vector<ScriptedInterrupt> interrupts;  // sim.conf "interrupt_at"
 
     const Settings& FactorySettings(uint8_t id) const;
     double InitialPosition(uint8_t id) const;
@@ -230,8 +238,9 @@ std::string InDirectory(const std::string& dir, const std::string& path);
 
 // One call into the bus: holds the lock (loading the bus on first use),
 // brings every actuator's motion up to the bus clock and raises errors that
-// are due; on leaving releases the lock and then delivers the notifications to
-// the registered callbacks (never under the lock).
+// are due; on leaving releases the lock, raises the scripted interrupts that
+// came due and then delivers the notifications to the registered callbacks
+// (signal handlers and callbacks never run under the lock).
 class BusCall {
 public:
     BusCall();
@@ -243,6 +252,7 @@ public:
     double now;
     std::vector<ErrorNotice> errors;
     std::vector<ParaNotice> paras;
+    int interrupts = 0;  // SIGINTs to raise once the lock is released
 
 private:
     std::unique_lock<std::mutex> lock_;
@@ -296,6 +306,17 @@ bool ParseFaults(const std::string& text, Faults* faults, std::string* problem);
 bool ReadStateFile(const std::string& path, PersistedState* state, std::string* problem);
 // Written to a temporary file and renamed over `path`.
 bool WriteStateFile(const std::string& path, const PersistedState& state);
+
+// Scripted interrupts. ArmInterrupts makes the bus watch the configured
+// times again (after loading or adding one); TakeDueInterrupts marks those
+// due at `now` fired and counts them. Both with the mutex held.
+// RaiseInterrupts raises that many SIGINTs and must run without the lock.
+// RaiseDueInterrupts is the whole round for the clock functions, which take no
+// lock otherwise; it only locks when an interrupt is due.
+void ArmInterrupts(Bus& bus);
+int TakeDueInterrupts(Bus& bus, double now);
+void RaiseInterrupts(int count);
+void RaiseDueInterrupts();
 
 // Loads the bus if nothing has used it yet.
 void EnsureLoaded();

@@ -1,16 +1,28 @@
 // The bus clock, in seconds since the bus was loaded or reset.
 //
 // Real mode follows the monotonic clock. Virtual mode advances only through
-// tql_sim_sleep: every thread keeps its own timeline (its wake = its previous
-// wake + the sleep), and the bus clock is the latest wake of any thread, so two
-// threads each sleeping one control period per loop advance the bus by one
-// period per loop, not two.
+// tql_sim_sleep, in lockstep: every thread that sleeps keeps its own timeline
+// (its wake = its previous wake + the sleep) and a sleeping thread goes on only
+// when no other active thread is still behind its wake, so threads that each
+// sleep one control period per loop run period by period side by side, as
+// they would in real time (a recorder beside a monitoring loop samples every
+// period, not as often as the scheduler happens to let it). The bus clock is
+// the latest wake.
+//
+// A thread that does not sleep again within kGraceSeconds of wall time while
+// others wait for it (it is joining threads, waiting for input, or finished
+// its loop) stops counting until its next sleep, which starts from the bus
+// clock: nothing waits for it for ever.
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
+#include <chrono>
 #include <cmath>
+#include <condition_variable>
 #include <ctime>
+#include <mutex>
 #include <thread>
+#include <vector>
 
 #include "sim_bus.h"
 #include "sim_control.h"
@@ -23,18 +35,34 @@ std::atomic<double> real_origin{0.0};      // monotonic seconds at start
 std::atomic<double> virtual_time{0.0};     // bus seconds
 std::atomic<unsigned> clock_generation{0};  // bumped by StartClock
 
-// A thread's own virtual timeline; stale when its generation is not current.
+constexpr std::chrono::milliseconds kGrace{50};
+
+// A thread's virtual timeline. `time` is where the thread stands: its wake
+// while it sleeps, its last wake while it runs.
 struct Timeline {
     unsigned generation = ~0u;
-    double last_wake = 0.0;
+    double time = 0.0;
+    bool active = false;
+    bool sleeping = false;
 };
-thread_local Timeline timeline;
 
-// A thread that has not slept for a while (it was joining other threads or
-// waiting for input) resumes from the bus clock instead of its old timeline,
-// or its sleeps would not move the clock until it caught up. The allowance
-// scales with the sleep so threads alternating long sleeps keep their own.
-constexpr double kResyncLag = 0.1;
+std::mutex timelines_mutex;
+std::condition_variable timelines_changed;
+std::vector<Timeline*> timelines;  // of the threads alive that ever slept
+
+// Registers the calling thread's timeline for its lifetime.
+struct Registration {
+    Timeline timeline;
+    Registration() {
+        std::lock_guard<std::mutex> lock(timelines_mutex);
+        timelines.push_back(&timeline);
+    }
+    ~Registration() {
+        std::lock_guard<std::mutex> lock(timelines_mutex);
+        timelines.erase(std::find(timelines.begin(), timelines.end(), &timeline));
+        timelines_changed.notify_all();
+    }
+};
 
 double Monotonic() {
     timespec ts;
@@ -56,20 +84,40 @@ void AdvanceBusTo(double wake) {
     }
 }
 
-void VirtualSleep(double seconds) {
-    const unsigned generation = clock_generation.load();
-    const double bus = virtual_time.load();
-    double start = bus;
-    if (timeline.generation == generation) {
-        start = timeline.last_wake;
-        if (bus - start > std::max(kResyncLag, 4.0 * seconds)) start = bus;
+// True when an active thread other than `me` stands before `wake`. With
+// `drop_running`, such threads that are not sleeping stop counting.
+bool SomeoneBehind(const Timeline* me, double wake, bool drop_running) {
+    bool behind = false;
+    for (Timeline* t : timelines) {
+        if (t == me || !t->active || t->generation != me->generation || t->time >= wake) continue;
+        if (drop_running && !t->sleeping)
+            t->active = false;
+        else
+            behind = true;
     }
-    const double wake = start + seconds;
-    timeline.generation = generation;
-    timeline.last_wake = wake;
+    return behind;
+}
+
+void VirtualSleep(double seconds) {
+    thread_local Registration registration;
+    Timeline& me = registration.timeline;
+    std::unique_lock<std::mutex> lock(timelines_mutex);
+    const unsigned generation = clock_generation.load();
+    if (me.generation != generation || !me.active) {
+        me.generation = generation;
+        me.time = virtual_time.load();
+        me.active = true;
+    }
+    const double wake = me.time + seconds;
+    me.time = wake;
+    me.sleeping = true;
+    timelines_changed.notify_all();
+    while (SomeoneBehind(&me, wake, false)) {
+        if (timelines_changed.wait_for(lock, kGrace) == std::cv_status::timeout && !SomeoneBehind(&me, wake, true))
+            break;
+    }
+    me.sleeping = false;
     AdvanceBusTo(wake);
-    // Nothing really waits in virtual time; let the other threads run.
-    std::this_thread::yield();
 }
 
 }  // namespace
@@ -97,8 +145,11 @@ int tql_sim_virtual_clock(void) {
     return tqlsim::ClockIsVirtual() ? 1 : 0;
 }
 
+// Both clock functions count as bus calls for the scripted interrupts (at the
+// time of the call, before a sleep advances the clock).
 void tql_sim_sleep(double seconds) {
     tqlsim::EnsureLoaded();
+    tqlsim::RaiseDueInterrupts();
     // Not-a-number, negative and zero sleeps return at once.
     if (!(seconds > 0.0) || !std::isfinite(seconds)) {
         if (tqlsim::ClockIsVirtual()) std::this_thread::yield();
@@ -112,6 +163,7 @@ void tql_sim_sleep(double seconds) {
 
 double tql_sim_now(void) {
     tqlsim::EnsureLoaded();
+    tqlsim::RaiseDueInterrupts();
     return tqlsim::BusNow();
 }
 

@@ -145,6 +145,19 @@ bool ParseClock(const std::string& value, bool* virtual_clock) {
     return false;
 }
 
+// Scripted interrupt times: bus seconds (finite, >= 0) separated by blanks or
+// commas; empty = none. False, changing nothing, if any item is bad.
+bool ParseInterrupts(const std::string& text, std::vector<ScriptedInterrupt>* interrupts) {
+    std::vector<ScriptedInterrupt> out;
+    for (const std::string& item : SplitItems(text)) {
+        ScriptedInterrupt i;
+        if (!ParseDouble(item, &i.at_time) || i.at_time < 0.0) return false;
+        out.push_back(i);
+    }
+    *interrupts = out;
+    return true;
+}
+
 // Splits "name.ID" into name and id; id 0 when there is no suffix.
 bool SplitKey(const std::string& key, std::string* name, int* id) {
     const size_t dot = key.find('.');
@@ -209,6 +222,7 @@ bool ApplyKey(ConfigDraft& d, const std::string& key, const std::string& value) 
         c.hand_path = value;
         return true;
     }
+    if (key == "interrupt_at") return ParseInterrupts(value, &c.interrupts);
     std::string name;
     int id = 0;
     if (!SplitKey(key, &name, &id)) return false;
@@ -279,6 +293,10 @@ void ApplyEnvironment(ConfigDraft& d) {
     if (const char* v = Env("TQL_SIM_FAULT")) d.fault_text = (std::string(v) == "none") ? "" : v;
     if (const char* v = Env("TQL_SIM_URDF")) d.config.urdf_path = (std::string(v) == "none") ? "" : v;
     if (const char* v = Env("TQL_SIM_HAND")) d.config.hand_path = (std::string(v) == "none") ? "" : v;
+    if (const char* v = Env("TQL_SIM_INTERRUPT")) {
+        if (!ParseInterrupts(std::string(v) == "none" ? "" : v, &d.config.interrupts))
+            std::fprintf(stderr, "sim: ignoring TQL_SIM_INTERRUPT=%s (expected bus seconds >= 0, or none)\n", v);
+    }
     if (const char* v = Env("TQL_SIM_NOISE")) {
         double x = 0.0;
         if (ParseDouble(v, &x) && x >= 0.0)

@@ -75,6 +75,16 @@ int tql_sim_inject_error_at_time(int id, unsigned code, double bus_time) {
     return 0;
 }
 
+int tql_sim_set_interrupt_at(double bus_time) {
+    BusCall call;
+    if (!std::isfinite(bus_time) || bus_time < 0.0) return -1;
+    tqlsim::ScriptedInterrupt i;
+    i.at_time = bus_time;
+    call.bus.config.interrupts.push_back(i);
+    tqlsim::ArmInterrupts(call.bus);
+    return 0;
+}
+
 long tql_sim_command_count(void) {
     BusCall call;
     return call.bus.command_count;

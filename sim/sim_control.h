@@ -1,6 +1,6 @@
 // Control surface of the simulated actuator bus, beyond the actuator SDK
-// interface: the virtual clock, reloading, fault injection, the flight
-// recorder and the physical world. Only the host program (found at run time with dlsym, so the real
+// interface: the virtual clock, reloading, fault injection, the scripted
+// operator's Ctrl-C, the flight recorder and the physical world. Only the host program (found at run time with dlsym, so the real
 // actuator library can replace the simulator) and the tests use it; libtql.so
 // never does.
 //
@@ -45,6 +45,13 @@ int tql_sim_inject_error(int id, unsigned code, int after_setpoints);
 // The same at bus time `bus_time` (seconds); raised by the first bus call at
 // or after that time.
 int tql_sim_inject_error_at_time(int id, unsigned code, double bus_time);
+
+// The operator's Ctrl-C at bus time `bus_time` (seconds): the first bus call
+// after this one made at or after that time (any SDK call, tql_sim_sleep on
+// entry, tql_sim_now) raises SIGINT in the process once, without holding the
+// bus lock. Adds to sim.conf "interrupt_at" / TQL_SIM_INTERRUPT until the next
+// reset. 0 on success, -1 for a negative or non-finite time.
+int tql_sim_set_interrupt_at(double bus_time);
 
 // Flight recorder figures since load or reset (counted even when no CSV file
 // is written): commands received, and position set-points beyond the

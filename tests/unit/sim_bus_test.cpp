@@ -1,10 +1,13 @@
 // The simulated actuator bus: discovery, enabling, position following in
 // virtual time, persistence between runs, injected faults, the flight
-// recorder and the per-thread virtual clock.
+// recorder, the per-thread virtual clock and the scripted operator's Ctrl-C.
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
+#include <cmath>
+#include <csignal>
 #include <cstdio>
 #include <thread>
 
@@ -194,27 +197,86 @@ TEST_F(SimBus, ProcessExitWritesStateAndOneSummaryLine) {
 
 // Two threads each sleeping 250 periods in lock step advance the bus by 250
 // periods, not 500; a later sleep resumes from the bus clock.
-TEST_F(SimBus, VirtualClockIsTheLatestWakeOfAnyThread) {
+// Two threads sleeping one period per loop run in lockstep: the bus clock a
+// thread reads after each of its sleeps steps by exactly that period (the
+// other thread never runs ahead of it), and ends at the later thread's wake.
+TEST_F(SimBus, VirtualClockRunsSleepingThreadsInLockstep) {
     EXPECT_EQ(tql_sim_virtual_clock(), 0) << "real clock by default";
     ResetWith("TQL_SIM_CLOCK", "virtual");
-    std::atomic<int> slept[2] = {{0}, {0}};
+    std::vector<double> seen[2] = {std::vector<double>(250), std::vector<double>(250)};
     auto worker = [&](int me) {
-        for (int i = 1; i <= 250; ++i) {
+        for (int i = 0; i < 250; ++i) {
             tql_sim_sleep(0.004);
-            slept[me] = i;
-            while (slept[1 - me] < i) std::this_thread::yield();
+            seen[me][i] = tql_sim_now();
         }
     };
     std::thread a(worker, 0), b(worker, 1);
     a.join();
     b.join();
-    const double both = tql_sim_now();  // the second thread may start one period later
-    EXPECT_GE(both, 1.0 - 1e-9);
-    EXPECT_LE(both, 1.004 + 1e-9);
-    tql_sim_sleep(0.004);
+    for (const auto& s : seen)
+        for (int i = 1; i < 250; ++i) ASSERT_NEAR(s[i] - s[i - 1], 0.004, 1e-9) << i;
+    const double both = tql_sim_now();
+    EXPECT_EQ(both, std::max(seen[0].back(), seen[1].back()));
+    tql_sim_sleep(0.004);  // a thread that never slept starts from the bus clock
     EXPECT_NEAR(tql_sim_now(), both + 0.004, 1e-9);
     tql_sim_reset();
     EXPECT_EQ(tql_sim_now(), 0.0);
+}
+
+volatile sig_atomic_t interrupts_seen = 0;
+
+// Each listed time raises SIGINT once, at the first bus call at or after it:
+// from sim.conf, TQL_SIM_INTERRUPT (which wins) or the control function; bad
+// lists are reported and ignored; every reset arms the times again.
+TEST_F(SimBus, ScriptedCtrlCArrivesOncePerListedTime) {
+    struct Restore {  // nothing is armed any more when the previous disposition returns
+        std::string conf;
+        struct sigaction previous;
+        ~Restore() {
+            WriteFile("sim.conf", conf);
+            unsetenv("TQL_SIM_INTERRUPT");
+            tql_sim_reset();
+            sigaction(SIGINT, &previous, nullptr);
+        }
+    } restore{ReadFile("sim.conf"), {}};
+    struct sigaction count {};
+    count.sa_handler = [](int) { interrupts_seen = interrupts_seen + 1; };
+    sigaction(SIGINT, &count, &restore.previous);
+    for (double bad : {-0.1, std::nan(""), HUGE_VAL}) EXPECT_EQ(tql_sim_set_interrupt_at(bad), -1);
+    struct Row {
+        const char *conf, *env;  // interrupt_at and TQL_SIM_INTERRUPT, null = absent
+        std::vector<double> armed, expected;
+        bool reported;
+    } rows[] = {{nullptr, nullptr, {}, {}, false},           {"0.5, 1", nullptr, {}, {0.5, 1.0}, false},
+                {"0.5, 1", "0.2 0.6", {}, {0.2, 0.6}, false}, {"0.5", "none", {}, {}, false},
+                {nullptr, "0.3", {0.9, 0.3}, {0.3, 0.3, 0.9}, false}, {nullptr, "0.5, soon", {0.7}, {0.7}, true},
+                {"-1", nullptr, {}, {}, true}};
+    for (const Row& row : rows) {
+        WriteFile("sim.conf", restore.conf + (row.conf ? std::string("interrupt_at = ") + row.conf + "\n" : ""));
+        row.env ? setenv("TQL_SIM_INTERRUPT", row.env, 1) : unsetenv("TQL_SIM_INTERRUPT");
+        for (int pass = 0; pass < 2; ++pass) {
+            SCOPED_TRACE(testing::Message() << (row.conf ? row.conf : "-") << " / " << (row.env ? row.env : "-"));
+            const std::string err = tqltest::Stderr([] { ResetWith("TQL_SIM_CLOCK", "virtual"); });
+            EXPECT_EQ(err.find("INTERRUPT") != err.npos || err.find("interrupt_at") != err.npos, row.reported);
+            for (double t : row.armed) ASSERT_EQ(tql_sim_set_interrupt_at(t), 0);
+            interrupts_seen = 0;
+            std::vector<double> steps, arrivals;  // bus times of the calls, and of each signal
+            for (int k = 0; k < 300; ++k) {  // a getter, a request or an event round every 4 ms
+                tql_sim_sleep(0.004);
+                const int before = interrupts_seen;
+                if (k % 3 == 0) Ctl()->getPosition(1, true);
+                if (k % 3 == 1) Ctl()->requestCVPValue(2);
+                if (k % 3 == 2) Ctl()->processEvents();
+                const int raised = interrupts_seen - before;
+                steps.push_back(tql_sim_now());
+                arrivals.insert(arrivals.end(), raised, steps.back());
+            }
+            std::vector<double> want;  // the first call at or after each listed time
+            for (double t : row.expected) want.push_back(*std::lower_bound(steps.begin(), steps.end(), t));
+            EXPECT_EQ(arrivals, want);
+            EXPECT_EQ(interrupts_seen, static_cast<int>(arrivals.size())) << "none late, at the clock calls";
+        }
+    }
 }
 
 }  // namespace
