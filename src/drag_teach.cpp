@@ -25,7 +25,7 @@ constexpr double kTrajectoryDegrees = 57.295780490442965;
 // Rounds of the teaching dialogue.
 constexpr int kMaxTaughtPoints = 1000;
 
-const char* const kPointPrompt = "Insert MOVJ\u3001MOVL\u3001MOVC or STOP : ";
+const char* const kPointPrompt = "Insert MOVJ、MOVL、MOVC or STOP : ";  // ideographic commas (U+3001)
 
 // Starts the monitoring loop and the recorder side by side and waits for both.
 template <typename Recorder>
@@ -42,6 +42,13 @@ void WriteDegrees(std::ostream& out, const double* q, int n) {
         if (i > 0) out << ',';
         out << q[i] * kPointDegrees / kPointPi + 0.0;  // + 0.0 writes a reversed joint's -0 as 0
     }
+}
+
+// One program line: the instruction head, then the joints in degrees.
+void WriteLine(std::ostream& out, const char* head, const double* q, int n) {
+    out << head;
+    WriteDegrees(out, q, n);
+    out << std::endl;  // a taught point is kept even if the session dies
 }
 
 // The next word of the operator; false at the end of the input.
@@ -61,9 +68,7 @@ Round TeachOne(const std::string& word, int type, Robot* robot, std::ofstream& o
     double q[kMaxJointNum] = {};
     if (word == "MOVJ" || word == "movj") {
         robot->GetCurrentMachineJointFast(q);
-        out << "MOVJ VJ=100 z5 ";
-        WriteDegrees(out, q, n);
-        out << std::endl;
+        WriteLine(out, "MOVJ VJ=100 z5 ", q, n);
         return Round::kNext;
     }
     if (word == "MOVL" || word == "movl" || word == "MOVC" || word == "movc") {
@@ -73,9 +78,7 @@ Round TeachOne(const std::string& word, int type, Robot* robot, std::ofstream& o
         }
         if (word == "MOVL" || word == "movl") {
             robot->GetCurrentMachineJointFast(q);
-            out << "MOVL V=200 z5 ";
-            WriteDegrees(out, q, n);
-            out << std::endl;
+            WriteLine(out, "MOVL V=200 z5 ", q, n);
             return Round::kNext;
         }
         std::cout << "The auxiliary point has been inserted." << std::endl;
@@ -86,11 +89,11 @@ Round TeachOne(const std::string& word, int type, Robot* robot, std::ofstream& o
         if (answer != "YES" && answer != "yes") return Round::kEnd;
         double target[kMaxJointNum] = {};
         robot->GetCurrentMachineJointFast(target);
+        // Auxiliary pose, then end pose: 2 n numbers on one line.
         out << "MOVC V=200 z5 ";
         WriteDegrees(out, q, n);
         out << ',';
-        WriteDegrees(out, target, n);
-        out << std::endl;
+        WriteLine(out, "", target, n);
         return Round::kNext;
     }
     if (word == "STOP" || word == "stop") {
@@ -176,9 +179,7 @@ int RecordSinglePositionFromInterface(std::string file_name) {
     // reports -1: the behaviour hosts of this entry point rely on.
     for (int i = 0; i <= kMaxTaughtPoints; ++i) {
         robot->GetCurrentMachineJoint(q);
-        out << "MOVJ VJ=100 z5 ";
-        WriteDegrees(out, q, n);
-        out << '\n';
+        WriteLine(out, "MOVJ VJ=100 z5 ", q, n);
     }
     return -1;
 }

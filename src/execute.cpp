@@ -54,8 +54,8 @@ int Dispatch(const std::string& word) {
     if (word == "mode1") return RecordContinuousPointInDragTeachMode(robot, kTrajectoryFileName);
     if (word == "mode2") return MoveTrajectory(robot, kTrajectoryFileName, true);
     if (word == "mode3") return RecordSinglePointInDragTeachMode(robot, kProgramFileName);
-    if (word == "mode4") return ExecuteFileInstruction(GetCurrentRobot(), kProgramFileName);
-    if (word == "admin") return MoveExcitationTrajectories(GetCurrentRobot(), kExcitationRepetitions);
+    if (word == "mode4") return ExecuteFileInstruction(robot, kProgramFileName);
+    if (word == "admin") return MoveExcitationTrajectories(robot, kExcitationRepetitions);
     if (IsModeWord(word.c_str())) return NotYetAvailable();
     std::cout << "Input error" << std::endl;
     return -1;

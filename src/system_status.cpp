@@ -33,23 +33,21 @@ bool GetSystemStatus() { return system_status.load(); }
 
 void SendErrorCode(int level, int code, std::string text) {
     SetSystemStatus(false);
-    std::string description;
-    {
-        std::lock_guard<std::mutex> lock(error_mutex);
-        error_level = level;
-        error_codex = code;
-        // The text is kept twice, before and after the numbers.
-        std::string& d = ErrorDescription();
-        d = text;
-        d += std::to_string(level);
-        d += "-";
-        d += std::to_string(code);
-        d += ": ";
-        d += text;
-        d += ".";
-        description = d;
-    }
-    std::cout << description << std::endl;
+    // Reports come from the monitoring and recorder threads at once; the lock
+    // also keeps their lines whole on the console.
+    std::lock_guard<std::mutex> lock(error_mutex);
+    error_level = level;
+    error_codex = code;
+    // The text is kept twice, before and after the numbers.
+    std::string& d = ErrorDescription();
+    d = text;
+    d += std::to_string(level);
+    d += "-";
+    d += std::to_string(code);
+    d += ": ";
+    d += text;
+    d += ".";
+    std::cout << d << std::endl;
 }
 
 void GetErrorCode(std::string& out) {

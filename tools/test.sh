@@ -35,7 +35,7 @@ echo "== address + undefined-behaviour sanitizers =="
 ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
   run_suite build/asan -DTQL_SANITIZE=ON -DCMAKE_BUILD_TYPE=Debug
 echo "== thread sanitizer: the threaded tests (drag teaching, monitoring) =="
-cmake -S . -B build/tsan -DTQL_WERROR=ON -DTQL_TSAN=ON -DCMAKE_BUILD_TYPE=Debug >/dev/null
+cmake -S . -B build/tsan -DTQL_WERROR=ON -DTQL_TSAN=ON >/dev/null
 cmake --build build/tsan -j"$jobs" --target drag_teach_test teach_test
 TSAN_OPTIONS=halt_on_error=1 ctest --test-dir build/tsan --output-on-failure -j"$jobs" --timeout 600 \
   -R '^(DragTeach|Teaching)\.' </dev/null

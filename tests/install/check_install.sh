@@ -12,7 +12,8 @@ cmake --install "$build" --prefix "$prefix" >/dev/null
 for f in bin/tql lib/libtql.so lib/libActuatorController.so lib/cmake/tql/tqlConfig.cmake \
          include/tql/mechnical_unit.h include/tql/database.h include/tql/math_fun.h include/tql/execute.h \
          include/tql/actuatorcontroller.h include/tql/dynamics.h include/tql/kinematics.h include/tql/sim_control.h \
-         bin/tql-identify bin/tql-excite share/tql/demo/parameter.db share/tql/demo/sim.conf share/tql/demo/arm.urdf; do
+         bin/tql-identify bin/tql-excite share/tql/demo/parameter.db share/tql/demo/sim.conf share/tql/demo/arm.urdf \
+         share/tql/demo/hand.csv share/tql/demo/file/trajectory.txt include/tql/interpolation.h; do
   [ -e "$prefix/$f" ] || { echo "missing $f"; exit 1; }
 done
 [ ! -e "$prefix/share/tql/demo/sim_state.txt" ] || { echo "installed demo holds a simulator state"; exit 1; }

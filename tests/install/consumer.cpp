@@ -1,6 +1,7 @@
 // A program built against the installed library: kinematics helpers, the
-// dynamic model, the parameter record, the robot and the simulated bus's
-// control functions, through the public headers.
+// dynamic model, the parameter record, the robot, trajectory files, the
+// teaching operations and the simulated bus's control functions, through the
+// public headers.
 #include <tql/database.h>
 #include <tql/dynamics.h>
 #include <tql/execute.h>
@@ -38,7 +39,17 @@ int main() {
     P[6] = 1.0;
     InverserDynamicsUr(am, dm, flat, zero, zero, tau, P);
     double (*volatile bus_clock)(void) = &tql_sim_now;  // the simulated bus's control functions link
-    const bool dynamics_ok = J[6 * 5 + 0] == 1.0 && std::fabs(std::fabs(tau[1]) - kGravity) < 1e-6 &&
+    // A trajectory file written and read back; the teaching operations link.
+    double rows_out[4] = {1.5, -2.25, 3e-05, 0}, rows_in[4] = {};
+    int rows = 0;
+    const char* file = "consumer_trajectory.txt";
+    const bool file_ok = SaveMatrixToFile(file, rows_out, 2, 2) == 0 && GetMatrixFromFile(file, rows_in, 10, 2, &rows) == 0 &&
+                         rows == 2 && rows_in[2] == 3e-05 && std::remove(file) == 0;
+    int (*volatile recorder)(Robot*, std::string) = &RecordContinuousPointInDragTeachMode;
+    void (*volatile set_mode)(RunningMode) = &SetRunningMode;
+    const bool teach_ok = file_ok && recorder != nullptr && set_mode != nullptr &&
+                          GetCurrentRunningMode() == kDragTeachingMode;
+    const bool dynamics_ok = teach_ok && J[6 * 5 + 0] == 1.0 && std::fabs(std::fabs(tau[1]) - kGravity) < 1e-6 &&
                              bus_clock != nullptr;
     const bool ok = dynamics_ok && std::fabs(p[3] - std::cos(0.25)) < 1e-12 && GetCurrentRobot()->GetRobotJointNum() == 0 &&
                     GetResourceDate() != nullptr && ik_ok && std::fabs(periods - std::round(periods)) < 1e-9;
