@@ -10,6 +10,7 @@
 #include <string>
 #include <thread>
 
+#include "editor.h"
 #include "execute.h"
 #include "interpolation.h"
 #include "math_fun.h"
@@ -17,9 +18,6 @@
 
 namespace {
 
-// Point recorder: radians to degrees as angle * 180.0 / 3.1415926.
-constexpr double kPointDegrees = 180.0;
-constexpr double kPointPi = 3.1415926;
 // Continuous recorder: the same ratio as one factor.
 constexpr double kTrajectoryDegrees = 57.295780490442965;
 // Rounds of the teaching dialogue.
@@ -34,21 +32,6 @@ void RunBesideMonitoring(Recorder recorder) {
     std::thread recording(recorder);
     monitoring.join();
     recording.join();
-}
-
-// Writes n joint angles (rad) as degrees separated by ",".
-void WriteDegrees(std::ostream& out, const double* q, int n) {
-    for (int i = 0; i < n; ++i) {
-        if (i > 0) out << ',';
-        out << q[i] * kPointDegrees / kPointPi + 0.0;  // + 0.0 writes a reversed joint's -0 as 0
-    }
-}
-
-// One program line: the instruction head, then the joints in degrees.
-void WriteLine(std::ostream& out, const char* head, const double* q, int n) {
-    out << head;
-    WriteDegrees(out, q, n);
-    out << std::endl;  // a taught point is kept even if the session dies
 }
 
 // The next word of the operator; false at the end of the input.
@@ -68,7 +51,7 @@ Round TeachOne(const std::string& word, int type, Robot* robot, std::ofstream& o
     double q[kMaxJointNum] = {};
     if (word == "MOVJ" || word == "movj") {
         robot->GetCurrentMachineJointFast(q);
-        WriteLine(out, "MOVJ VJ=100 z5 ", q, n);
+        WriteProgramLine(out, "MOVJ VJ=100 z5 ", q, n);
         return Round::kNext;
     }
     if (word == "MOVL" || word == "movl" || word == "MOVC" || word == "movc") {
@@ -78,7 +61,7 @@ Round TeachOne(const std::string& word, int type, Robot* robot, std::ofstream& o
         }
         if (word == "MOVL" || word == "movl") {
             robot->GetCurrentMachineJointFast(q);
-            WriteLine(out, "MOVL V=200 z5 ", q, n);
+            WriteProgramLine(out, "MOVL V=200 z5 ", q, n);
             return Round::kNext;
         }
         std::cout << "The auxiliary point has been inserted." << std::endl;
@@ -91,9 +74,9 @@ Round TeachOne(const std::string& word, int type, Robot* robot, std::ofstream& o
         robot->GetCurrentMachineJointFast(target);
         // Auxiliary pose, then end pose: 2 n numbers on one line.
         out << "MOVC V=200 z5 ";
-        WriteDegrees(out, q, n);
+        WriteProgramDegrees(out, q, n);
         out << ',';
-        WriteLine(out, "", target, n);
+        WriteProgramLine(out, "", target, n);
         return Round::kNext;
     }
     if (word == "STOP" || word == "stop") {
@@ -179,7 +162,7 @@ int RecordSinglePositionFromInterface(std::string file_name) {
     // reports -1: the behaviour hosts of this entry point rely on.
     for (int i = 0; i <= kMaxTaughtPoints; ++i) {
         robot->GetCurrentMachineJoint(q);
-        WriteLine(out, "MOVJ VJ=100 z5 ", q, n);
+        WriteProgramLine(out, "MOVJ VJ=100 z5 ", q, n);
     }
     return -1;
 }
