@@ -35,20 +35,13 @@ bool IsModeWord(const char* word) {
     return false;
 }
 
-// A job whose procedure is not part of this build.
-int NotYetAvailable() {
-    std::cout << "Wait to add..." << std::endl;
-    return -1;
-}
-
 // Repetitions of the excitation in an identification run.
 constexpr int kExcitationRepetitions = 16;
 
 // The trajectory the operator records by hand and replays.
 constexpr char kTrajectoryFileName[] = "file/trajectory.txt";
 
-// Teaching, replay, programs and identification are built; the maintenance
-// procedures are not.
+// Every mode word but "mode0" runs its job on the booted robot.
 int Dispatch(const std::string& word) {
     Robot* robot = GetCurrentRobot();
     if (word == "mode1") return RecordContinuousPointInDragTeachMode(robot, kTrajectoryFileName);
@@ -56,7 +49,9 @@ int Dispatch(const std::string& word) {
     if (word == "mode3") return RecordSinglePointInDragTeachMode(robot, kProgramFileName);
     if (word == "mode4") return ExecuteFileInstruction(robot, kProgramFileName);
     if (word == "admin") return MoveExcitationTrajectories(robot, kExcitationRepetitions);
-    if (IsModeWord(word.c_str())) return NotYetAvailable();
+    if (word == "reset") return ResetRobot(robot);
+    if (word == "calibrate") return Calibration(robot);
+    if (word == "tutorials") return Tutorials(robot);
     std::cout << "Input error" << std::endl;
     return -1;
 }

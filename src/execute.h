@@ -14,6 +14,20 @@ void VersionManagement();
 void DisableAllActuator();
 Robot* GetCurrentRobot();
 
+// Maintenance procedures ("reset", "calibrate", "tutorials"). 0, or -1 at
+// the first failing step (the robot then stays enabled).
+// Factory settings into the actuators (robot types 1 and 4), saved, then the
+// test run of "file/reset_test.txt" at half speed; the robot is disabled.
+int ResetRobot(Robot* robot);
+int ExecuteFileInstructionReset(Robot* robot);
+// The arm floats in current mode while its angles are shown every 1.4 s;
+// after Ctrl-C, "y" makes the present pose home. The robot is disabled.
+int Calibration(Robot* robot);
+// The demonstration menu (trajectories "file/dancing.txt", "file/look.txt",
+// "file/snake.txt" and one excitation period), from and back to home; every
+// actuator is switched off at the end.
+int Tutorials(Robot* robot);
+
 bool IsTerminal();
 void SetTerminalFlag();
 
