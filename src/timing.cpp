@@ -1,5 +1,7 @@
 #include "timing.h"
 
+#include <dlfcn.h>
+
 #include <atomic>
 #include <cerrno>
 #include <ctime>
@@ -29,6 +31,18 @@ std::atomic<ClockFunction> clock_fn{&RealClock};
 
 void SetSleepFunction(SleepFunction fn) { sleep_fn.store(fn ? fn : &RealSleep); }
 void SetClockFunction(ClockFunction fn) { clock_fn.store(fn ? fn : &RealClock); }
+
+bool UseBusClockIfVirtual() {
+    using Query = int (*)();
+    auto virtual_clock = reinterpret_cast<Query>(dlsym(RTLD_DEFAULT, "tql_sim_virtual_clock"));
+    if (virtual_clock == nullptr || virtual_clock() == 0) return false;
+    auto sleep = reinterpret_cast<SleepFunction>(dlsym(RTLD_DEFAULT, "tql_sim_sleep"));
+    auto clock = reinterpret_cast<ClockFunction>(dlsym(RTLD_DEFAULT, "tql_sim_now"));
+    if (sleep == nullptr || clock == nullptr) return false;
+    SetSleepFunction(sleep);
+    SetClockFunction(clock);
+    return true;
+}
 
 void SleepSeconds(double seconds) { sleep_fn.load()(seconds); }
 void SleepMilliseconds(double ms) { SleepSeconds(ms * 1e-3); }

@@ -16,6 +16,12 @@ using ClockFunction = double (*)();
 void SetSleepFunction(SleepFunction fn);
 void SetClockFunction(ClockFunction fn);
 
+// When the actuator library in use is the simulated bus running on its
+// virtual clock, installs the bus's sleep and clock as this seam, so motion
+// takes no wall time; with any other actuator library (the maker's) nothing
+// changes. The bus's functions are looked up at run time. True when installed.
+bool UseBusClockIfVirtual();
+
 void SleepSeconds(double seconds);
 void SleepMilliseconds(double ms);
 double NowSeconds();

@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # Installs the build into a scratch prefix and checks the layout, a program
 # built by hand with -ltql -lActuatorController, one built with find_package,
-# and the installed host in a copy of the installed demo directory.
+# the installed host in a copy of the installed demo directory, and the
+# example host program (examples/host) built and run as an integrator would.
 set -euo pipefail
 build=$1
 src=$(cd "$(dirname "$0")" && pwd)
@@ -28,4 +29,14 @@ cmake --build "$work/pkg" >/dev/null
 
 cp -r "$prefix/share/tql/demo" "$work/run"
 (cd "$work/run" && TQL_SIM_CLOCK=virtual "$prefix/bin/tql" mode0 </dev/null) | grep -qx "Disable robot size = 6"
+
+# The example host program, as an integrator builds it, on the simulated arm.
+cmake -S "$src/../../examples/host" -B "$work/example" -DCMAKE_PREFIX_PATH="$prefix" >/dev/null
+cmake --build "$work/example" >/dev/null
+cp -r "$prefix/share/tql/demo" "$work/host"
+(cd "$work/host" && TQL_SIM_CLOCK=virtual TQL_SIM_RECORD=rec.csv "$work/example/host_example" </dev/null >out.txt 2>err.txt) ||
+  { cat "$work/host/out.txt" "$work/host/err.txt"; echo "example host failed"; exit 1; }
+grep -q "^replayed: " "$work/host/out.txt" && grep -q ", 0 beyond limits" "$work/host/err.txt" ||
+  { cat "$work/host/out.txt" "$work/host/err.txt"; echo "example host: no replay or set-points beyond limits"; exit 1; }
+[ "$(grep -c '^MOVJ VJ=100 z5 ' "$work/host/file/host_program.txt")" -eq 3 ] || { echo "example host: program not recorded"; exit 1; }
 echo "install layout ok"
