@@ -51,4 +51,25 @@ int ik_ur(double* q, double T[4][4], double* L);
 // base frame (rad/rad).
 void calculate_jacobian_ur(const double* a, const double* d, const double* q, double* J);
 
+// ---- four-link mechanism
+// A second arm: a symmetric planar five-bar linkage (two driven arms of length
+// l1 from a common centre, two distal links of length l2 meeting at the end
+// point) carried on a lead-screw vertical axis, with a tool rotation about the
+// vertical. Geometry in millimetres, shared by both functions and settable:
+extern double l1;  // driven arm, 143.78
+extern double l2;  // distal link, 120.0
+extern double s;   // lead of the vertical screw per turn, 12.0
+//
+// Joint vector v[4], radians: v[0] screw rotation (z = v[0] / 6.2831852 * s),
+// v[1], v[2] the driven-arm angles from the x axis, v[3] tool rotation about z.
+// T: base-to-tool transform, rotation Rz(v[3]), translation (x, y, z) in mm
+// with the end point at distance l1 cos h + sqrt(l2^2 - l1^2 sin^2 h) from the
+// centre in direction (v[1] + v[2]) / 2, h = |v[1] - v[2]| / 2. Beyond reach
+// (l1 sin h > l2) x and y are NaN.
+void LinkMechanismForwardKinematicsSolution(double* v, double T[4][4]);
+// Placeholder of the inverse: fills T from v exactly as the forward function
+// does, but with a fixed lead of 12.0 mm per turn instead of s. It does not
+// solve for joint angles.
+void LinkMechanismInverseKinematicsSolution(double* v, double T[4][4]);
+
 #endif  // TQL_KINEMATICS_H

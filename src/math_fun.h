@@ -42,4 +42,26 @@ void print_matrix_4x4(double T[4][4]);
 void print_array(double* v, int n);
 void PrintPositionDegree(double* v, int n);
 
+// ---- smoothing filters
+// A table x is rows samples by cols channels, row-major (x[i * cols + j]);
+// each filter runs down the rows, channel by channel, in place. Null tables
+// and non-positive sizes are left unchanged.
+
+// First-order low pass: x[i] = 0.6 x[i] + 0.4 x[i-1] (previous row filtered).
+void low_pass(double* x, int rows, int cols);
+// Running sum of 20 minus the previous filtered row: y[i] = 0.95 y[i-1] + x[i] / 20.
+// Always returns 0.
+int average_smooth(double* x, int rows, int cols);
+// One pass of a 5-point mean over rows 1 .. rows-2, reading the first/last row
+// for the row beyond either end (3-point mean for a 3-row table).
+void median_filtering(double* x, int rows, int cols);
+// As median_filtering, but rows 20 or more from both ends use samples 10 rows apart.
+void median_filtering_1(double* x, int rows, int cols);
+// 15 passes of median_filtering, then 15 of median_filtering_1.
+void smmoth(double* x, int rows, int cols);
+// Five-point cubic least-squares smoothing from an unfiltered copy; 0 when
+// smoothed, -1 when left unchanged (fewer than 5 rows, 2^28 samples or more,
+// or no memory for the copy). The last row keeps constants but not ramps.
+int five_point_cubic_smooth(double* x, int rows, int cols);
+
 #endif  // TQL_MATH_FUN_H

@@ -59,7 +59,6 @@ TEST(Mode4, RefusalsPrintTheirMessagesAndMoveNothing) {
         {"MOVJ VJ=100 z5 0,20,60,10,-90,0\n// five numbers\nMOVJ VJ=100 z5 0,20,60,10,-90\n", "1\nCYCLE\nNO\n",
          "Line 3 instruction position is illegal !\n"},
         {"", "0.05\nCYCLE\nNO\n", kOverridePrompt + "speed override = 0.05\n" + invalid},
-        {"", "1.2\nCYCLE\nNO\n", kOverridePrompt + "speed override = 1.2\n" + invalid},
         {"", "fast\nCYCLE\nNO\n", kOverridePrompt + invalid},
         {"", "1\ncycle\n", kCyclePrompt + "The value of operation cycle is invalid.\n"},
     };

@@ -168,8 +168,7 @@ TEST(CircularSegment, RandomCirclesInSpaceAndCollinearPoints) {
     CircularPath path;
     path.SetParameters(p1, p2, p3, 100, 1000, 1000, 5000, 1.0, 2.0, 2.0, 10.0);
     EXPECT_EQ(tqltest::Stdout([&] { path.InterpolationPreprocess(); }), "Failure to compute inverse matrix\n");
-    EXPECT_EQ(path.arc_length_, 0.0);
-    EXPECT_EQ(path.tall_, 0.0);
+    EXPECT_TRUE(path.arc_length_ == 0.0 && path.tall_ == 0.0);
 }
 
 // There and back, the second time with a rotation limit slow enough to govern

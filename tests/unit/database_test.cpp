@@ -90,13 +90,11 @@ TEST(SelectFromTableList, FailuresAreReported) {
         const std::string err = tqltest::Stderr([] { EXPECT_EQ(Select(), -1); });
         EXPECT_NE(err.find(message), std::string::npos) << sql << "\n" << err;
     };
+    auto row = [](int id) { return "INSERT INTO system_parameters VALUES (" + std::to_string(id) + ", 'bad', 'x');"; };
     const struct { std::string sql, err; } cases[] = {
         {"DROP TABLE GL_6L3;", "SQL error: no such table: GL_6L3\n"},  // a type whose table does not exist
         {SetTypeValue(13, "[" + std::string(3000, '1') + "]"), "too long"},  // would overrun its slot
-        // IDs outside the row buffer.
-        {"INSERT INTO system_parameters VALUES (0, 'bad', 'x');", "outside 1..100"},
-        {"INSERT INTO system_parameters VALUES (101, 'bad', 'x');", "outside 1..100"},
-        {"INSERT INTO system_parameters VALUES (-3, 'bad', 'x');", "outside 1..100"},
+        {row(0), "outside 1..100"}, {row(101), "outside 1..100"}, {row(-3), "outside 1..100"},  // beyond the row buffer
     };
     for (const auto& c : cases) {
         ScratchDir dir;

@@ -43,15 +43,9 @@ TEST(GetLineArray, CountsValuesAndNeverWritesPastTheEnd) {
 
 // One record reused for every line: each parse clears the point list.
 TEST(DecodeInstruction, AcceptedLinesFillTheRecord) {
-    const struct {
-        const char* line;
-        int kind, type;
-        double speed;  // V= in mm/s or the VJ= ratio
-        int zone;
-        double zone_ratio;
-        int points, probe;  // point count; index of a point to check...
-        double probe_value;  // ...and its value
-    } cases[] = {
+    // speed: V= in mm/s or the VJ= ratio; points: their count; probe: index of a point holding probe_value.
+    const struct { const char* line; int kind, type; double speed; int zone; double zone_ratio; int points, probe;
+                   double probe_value; } cases[] = {
         {"MOVJ VJ=50 z5 0,0,90,0,90,0", kMoveInstruction, kMoveJoint, 0.5, 5, 0.03, 6, 2, 90.0},
         {"MOVC V=150.5 z200 20,10,70,0,100,0,30,0,75,0,95,0", kMoveInstruction, kMoveCircular, 150.5, 200, 1.0, 12,
          10, 95.0},

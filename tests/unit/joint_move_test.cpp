@@ -119,12 +119,9 @@ TEST_F(JointMoves, ReadyMadeMovesAndJog) {
     const Joints target = Degrees({40, -30, 60, -30, 90, 10});
     ASSERT_EQ(MoveTo(target), 0);
     ExpectAt(target);
-    double worst = 0.0;
-    for (int j = 0; j < 6; ++j) {
-        EXPECT_LE(PeakSpeed(start, j) / limits_[j].speed, 0.5 * (1 + 1e-9)) << "joint " << j + 1;
-        worst = std::max(worst, PeakSpeed(start, j) / limits_[j].speed);
-    }
-    EXPECT_GT(worst, 0.45);  // joint 5, farthest relative to its limit
+    double worst = 0.0;  // joint 5, farthest relative to its limit, runs near half its limit
+    for (int j = 0; j < 6; ++j) worst = std::max(worst, PeakSpeed(start, j) / limits_[j].speed);
+    EXPECT_TRUE(worst > 0.45 && worst <= 0.5 * (1 + 1e-9)) << worst;
     ASSERT_EQ(Quiet([] { return MoveToStablePosition(); }), 0);
     ExpectAt(Degrees({-1.56921, -41.9171, 129.388, 105.722, -95.4584, -48.5681}));
     ASSERT_EQ(Quiet([] { return MoveToHomePosition(); }), 0);

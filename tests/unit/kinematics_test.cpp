@@ -220,3 +220,41 @@ TEST(RobotKinematics, SevenValuePosesOfServedTypes) {
 }
 
 }  // namespace
+
+// Four-link mechanism: the end point is l2 from both driven-arm tips, z follows
+// the screw, Rz(v[3]) is the rotation; the placeholder inverse repeats the
+// forward transform with a lead of 12 mm whatever s is.
+TEST(LinkMechanism, ForwardTransformAndPlaceholderInverse) {
+    const double cases[][4] = {{0, 0, 0, 0}, {6.2831852, 0.3, -0.5, 0.5}, {-2.0, 1.7, 0.9, -2.5}};
+    const double want_z[] = {0.0, 12.0, -2.0 / 6.2831852 * 12.0};
+    for (int k = 0; k < 3; ++k) {
+        double v[4] = {cases[k][0], cases[k][1], cases[k][2], cases[k][3]}, T[4][4], inv[4][4];
+        LinkMechanismForwardKinematicsSolution(v, T);
+        LinkMechanismInverseKinematicsSolution(v, inv);
+        for (int a = 1; a <= 2; ++a)
+            EXPECT_NEAR(std::hypot(T[0][3] - l1 * std::cos(v[a]), T[1][3] - l1 * std::sin(v[a])), l2, 1e-9);
+        EXPECT_EQ(T[2][3], want_z[k]);
+        const double c = std::cos(v[3]), sn = std::sin(v[3]);
+        const double R[4][3] = {{c, -sn, 0}, {sn, c, 0}, {0, 0, 1}, {0, 0, 0}};
+        for (int i = 0; i < 4; ++i)
+            for (int j = 0; j < 4; ++j) {
+                EXPECT_EQ(inv[i][j], T[i][j]) << k << " " << i << j;
+                if (j < 3) { EXPECT_EQ(T[i][j], R[i][j]) << k << " " << i << j; }
+            }
+        EXPECT_EQ(T[3][3], 1.0);
+    }
+    double v[4] = {6.2831852, 0, 0, 0}, T[4][4];
+    LinkMechanismForwardKinematicsSolution(v, T);
+    EXPECT_DOUBLE_EQ(T[0][3], 263.78);  // l1 + l2 on the x axis
+    EXPECT_EQ(T[1][3], 0.0);
+    s = 5.0;  // the forward lead changes, the inverse keeps 12
+    LinkMechanismForwardKinematicsSolution(v, T);
+    EXPECT_EQ(T[2][3], 5.0);
+    LinkMechanismInverseKinematicsSolution(v, T);
+    EXPECT_EQ(T[2][3], 12.0);
+    s = 12.0;
+    v[1] = 2.0, v[2] = -2.0;  // l1 sin 2 > l2: beyond reach
+    LinkMechanismForwardKinematicsSolution(v, T);
+    EXPECT_TRUE(std::isnan(T[0][3]) && std::isnan(T[1][3]));
+    EXPECT_EQ(T[2][3], 12.0);
+}

@@ -34,15 +34,13 @@ TEST(LinkUnit, CheckPosition) {
     const double at_limit = 36.0 / 6.2831852 * 60.0;  // rpm of 0.004 rad in 0.004 s, 343.77
     const double above = std::nextafter(1.0, 2.0), below = std::nextafter(-1.0, -2.0);
     const struct { double rpm, q, q_last; int result; std::string out; } cases[] = {
-        {1e9, 1.0, 1.0, 0, ""},
-        {1e9, -1.0, -1.0, 0, ""},
+        {1e9, 1.0, 1.0, 0, ""},         {1e9, -1.0, -1.0, 0, ""},
+        {at_limit, 0.004, 0.0, 0, ""},  {at_limit, -0.004, 0.0, 0, ""},
         {1e9, above, 1.0, -1,
          "ID 3 beyond joint max soft limit\nCUR = 57.2958 (degree) \nMAX SOFT LIMIT = 57.2958 (degree) \n"},
         {1e9, below, -1.0, -1,
          "ID 3 beyond joint min soft limit\nCurrent position = -57.2958 (degree) \n"
          "Min soft limit = -57.2958 (degree) \n"},
-        {at_limit, 0.004, 0.0, 0, ""},
-        {at_limit, -0.004, 0.0, 0, ""},
         {343.0, 0.004, 0.0, -1, "343.775\t 343\nID 3 beyond speed limit\n"},
         {343.0, -0.5, -0.496, -1, "-343.775\t 343\nID 3 beyond speed limit\n"},
         {343.0, 5.0, 0.0, -1, "429718\t 343\nID 3 beyond speed limit\n"},  // and beyond the limit
@@ -51,9 +49,7 @@ TEST(LinkUnit, CheckPosition) {
     for (const auto& c : cases) {
         LinkUnit j;
         ASSERT_EQ(j.InitActuator(3, 1), 0);
-        j.min_soft_limit_ = -1.0;
-        j.max_soft_limit_ = 1.0;
-        j.speed_limit_ = c.rpm;
+        j.min_soft_limit_ = -1.0, j.max_soft_limit_ = 1.0, j.speed_limit_ = c.rpm;
         std::string out;
         EXPECT_EQ(tqltest::Quiet([&] { return j.CheckPosition(c.q, c.q_last, 0.004); }, &out), c.result) << c.q;
         EXPECT_EQ(out, c.out) << c.q;

@@ -48,12 +48,10 @@ TEST(InverseMatrix, PermutationGivesTransposeAndSingularOrBadInputIsRejected) {
 
     // Rank 0, 1 and 2; the pivot tolerance is absolute: a well-conditioned
     // tiny matrix is singular.
-    double zero[9] = {}, rank_one[4] = {1, 2, 2, 4}, rank_two[9] = {1, 2, 3, 4, 5, 6, 7, 8, 9};
-    double tiny[4] = {1e-6, 0, 0, 1e-6}, one[1] = {2.0};
-    EXPECT_EQ(inverse_matrix(zero, 3), -1);
-    EXPECT_EQ(inverse_matrix(rank_one, 2), -1);
-    EXPECT_EQ(inverse_matrix(rank_two, 3), -1);
-    EXPECT_EQ(inverse_matrix(tiny, 2), -1);
+    const struct { std::vector<double> a; int n; } singular[] = {
+        {std::vector<double>(9), 3}, {{1, 2, 2, 4}, 2}, {{1, 2, 3, 4, 5, 6, 7, 8, 9}, 3}, {{1e-6, 0, 0, 1e-6}, 2}};
+    for (auto m : singular) EXPECT_EQ(inverse_matrix(m.a.data(), m.n), -1) << testing::PrintToString(m.a);
+    double one[1] = {2.0};
     EXPECT_EQ(inverse_matrix(one, 0), 0);
     tqltest::Stdout([&] {
         EXPECT_EQ(inverse_matrix(one, -1), -1);
@@ -94,9 +92,7 @@ TEST(VectorHelpers, ConventionsAndLeftMultiplication) {
     cross_3d(x, y, d);
     cross(x, y, e);
     for (int i = 0; i < 3; ++i) EXPECT_TRUE(d[i] == k(i) && e[i] == k(i)) << i;
-    EXPECT_EQ(sign(0.0), -1);
-    EXPECT_EQ(sign(-0.0), -1);
-    EXPECT_EQ(sign(1e-300), 1);
+    EXPECT_EQ((std::vector<int>{sign(0.0), sign(-0.0), sign(1e-300)}), (std::vector<int>{-1, -1, 1}));
     // MatrixLeftMul composes the rotations and adds the translations without
     // rotating the right one's; the output may be one of the inputs.
     double l[4][4], r[4][4];

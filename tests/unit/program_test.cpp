@@ -51,18 +51,13 @@ TEST(InstructionDataToMoveData, ConvertsUnitsChainsStartsAndScalesSpeeds) {
                            "MOVC V=5000 z10 20,10,70,0,100,0,30,0,75,0,95,0"},
                           &robot, current);
     ASSERT_EQ(c.result, 3) << c.out;
-    EXPECT_EQ(c.count, 3);
-    EXPECT_EQ(c.out, "");
+    EXPECT_TRUE(c.count == 3 && c.out.empty());
     const InterpolationData* t = c.table.get();
-    EXPECT_EQ(t[1].line_number, 4);
-    EXPECT_EQ(t[2].line_number, 5);
-    EXPECT_EQ(t[2].type, kMoveCircular);
-    EXPECT_EQ(t[2].zone.zone, 10);
-
+    EXPECT_EQ((std::vector<int>{t[1].line_number, t[2].line_number, t[2].type, t[2].zone.zone}),
+              (std::vector<int>{4, 5, kMoveCircular, 10}));
     // Exactly the system factor (90 * factor, not pi / 2).
-    EXPECT_EQ(t[0].target_position[2], 90.0 * kDeg);
-    EXPECT_EQ(t[2].auxiliary_position[4], 100.0 * kDeg);
-    EXPECT_EQ(t[2].target_position[4], 95.0 * kDeg);
+    EXPECT_EQ((std::vector<double>{t[0].target_position[2], t[2].auxiliary_position[4], t[2].target_position[4]}),
+              (std::vector<double>{90.0 * kDeg, 100.0 * kDeg, 95.0 * kDeg}));
     // Starts chain: the arm's joints, then each previous target.
     for (int j = 0; j < 6; ++j) {
         EXPECT_EQ(t[0].start_position[j], current[j]);
@@ -79,11 +74,9 @@ TEST(InstructionDataToMoveData, ConvertsUnitsChainsStartsAndScalesSpeeds) {
     }
     // V lowers the translation speed (200 < 250) but never raises it (5000);
     // acceleration, jerk and rotation stay the robot's.
-    EXPECT_EQ(t[1].line_acc_dec.speed, 200.0);
-    EXPECT_EQ(t[2].line_acc_dec.speed, 250.0);
-    EXPECT_EQ(t[1].line_acc_dec.acceleration, 1000.0);
-    EXPECT_EQ(t[1].line_acc_dec.jerk, 5000.0);
-    EXPECT_EQ(t[2].rotate_acc_dec.speed, 90 * kDeg);
+    EXPECT_EQ((std::vector<double>{t[1].line_acc_dec.speed, t[2].line_acc_dec.speed, t[1].line_acc_dec.acceleration,
+                                   t[1].line_acc_dec.jerk, t[2].rotate_acc_dec.speed}),
+              (std::vector<double>{200.0, 250.0, 1000.0, 5000.0, 90 * kDeg}));
 }
 
 TEST(InstructionDataToMoveData, RefusesBadPointCountsSpeedsAndTooManyMoves) {
@@ -131,10 +124,8 @@ TEST(ProgramSettings, SpeedOverrideIsAcceptedFromTenthToOne) {
         SetReplayOverride(k.value);
         std::string out;
         EXPECT_EQ(tqltest::Quiet([] { return SetSpeedOverride(); }, &out), k.accepted ? 0 : -1) << k.value;
-        const double factor = k.accepted ? k.value : 1.0;
-        EXPECT_EQ(joint_space[0], factor) << k.value;
-        EXPECT_EQ(cartesian_space_trans[0], factor);
-        EXPECT_EQ(cartesian_space_rot[0], factor);
+        const double f = k.accepted ? k.value : 1.0;
+        EXPECT_TRUE(joint_space[0] == f && cartesian_space_trans[0] == f && cartesian_space_rot[0] == f) << k.value;
         EXPECT_EQ(joint_space[1], 1.0);
         EXPECT_EQ(out.empty(), k.accepted) << out;
     }

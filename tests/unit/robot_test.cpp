@@ -56,7 +56,6 @@ TEST_F(RobotOnBus, ConversionsForEveryTypeAndDirection) {
             const double raw = tql_sim_last_setpoint(2);
             EXPECT_DOUBLE_EQ(raw, (q / kTwoPi) * j.reduction_ratio_ / dir) << type << "," << dir;
             // Read back through both the refreshed and the cached reading.
-            EXPECT_NEAR(j.GetActuatorPositionSlow(), raw * dir / j.reduction_ratio_ * 2 * 3.1415926, 1e-15);
             EXPECT_NEAR(j.GetActuatorPositionSlow(), q, 1e-12) << type << "," << dir;
             EXPECT_NEAR(j.GetActuatorPositionFast(), q, 1e-12);
         }
@@ -149,9 +148,7 @@ TEST_F(RobotOnBus, BringUpFailures) {
     tql_sim_set_no_actuators(1);
     EXPECT_EQ(boot(&out), -1);
     EXPECT_FALSE(GetSystemStatus());
-    std::string description;
-    GetErrorCode(description);
-    EXPECT_EQ(description, "ID error,Current id size = 00-1: ID error,Current id size = 0.");
+    EXPECT_NE(out.find("ID error,Current id size = 00-1: ID error,Current id size = 0.\n"), std::string::npos) << out;
     SetSystemStatus(true);
 }
 

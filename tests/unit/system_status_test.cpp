@@ -4,23 +4,20 @@
 #include <string>
 
 #include "mechnical_unit.h"
+#include "test_support.h"
 
 TEST(SystemStatus, ErrorTextIsDoubled) {
-    std::string before;
+    std::string before, after;
     GetErrorCode(before);
     EXPECT_EQ(before, "NULL");
     EXPECT_TRUE(GetSystemStatus());
-    testing::internal::CaptureStdout();
-    SendErrorCode(-1, 12, "x");
-    EXPECT_EQ(testing::internal::GetCapturedStdout(), "x-1-12: x.\n");
-    std::string after;
+    EXPECT_EQ(tqltest::Stdout([] { SendErrorCode(-1, 12, "x"); }), "x-1-12: x.\n");
     GetErrorCode(after);
     EXPECT_EQ(after, "x-1-12: x.");
     EXPECT_FALSE(GetSystemStatus());
     SetSystemStatus(true);
 
-    testing::internal::CaptureStdout();
-    ErrorCallBack(ActuatorController::UnifiedID(5, "192.168.1.30"), 260, "Locked rotor");
-    EXPECT_EQ(testing::internal::GetCapturedStdout(), "Error: 5  260  Locked rotor\n");
+    const ActuatorController::UnifiedID id(5, "192.168.1.30");
+    EXPECT_EQ(tqltest::Stdout([&] { ErrorCallBack(id, 260, "Locked rotor"); }), "Error: 5  260  Locked rotor\n");
     EXPECT_TRUE(GetSystemStatus());
 }
