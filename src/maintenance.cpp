@@ -4,9 +4,7 @@
 #include <csignal>
 #include <iostream>
 #include <limits>
-#include <list>
 #include <memory>
-#include <new>
 #include <string>
 
 #include "dynamics.h"
@@ -63,6 +61,21 @@ void WaitForEnter(bool discard_line) {
     std::cin.get();
 }
 
+// The present pose becomes the actuators' home.
+int SetHomeHere(Robot* robot) {
+    robot->ActivateHomingMode();
+    if (robot->SetHomingPosition() < 0) return -1;
+    std::cout << "Set home position successfully." << std::endl;
+    return 0;
+}
+
+// Procedures end with the robot disabled.
+int DisableAndReport(Robot* robot) {
+    robot->DisableRobot();
+    std::cout << "Disable robot successfully." << std::endl;
+    return 0;
+}
+
 void PrintMenu() {
     std::cout << "Input option: " << std::endl;
     std::cout << "※ 1 \t\t " << std::endl;
@@ -83,9 +96,7 @@ int ResetRobot(Robot* robot) {
         return -1;
     }
     ResetSettings s = SettingsFor(type);
-    robot->ActivateHomingMode();
-    if (robot->SetHomingPosition() < 0) return -1;
-    std::cout << "Set home position successfully." << std::endl;
+    if (SetHomeHere(robot) < 0) return -1;
     if (robot->SetLimitData(s.min_position, s.max_position) < 0) return -1;
     // The joints check set-points against the limits the actuators now hold.
     if (robot->GetParametersFromActuator() < 0) return -1;
@@ -101,25 +112,13 @@ int ResetRobot(Robot* robot) {
     if (robot->SaveParameters() < 0) return -1;
     if (ExecuteFileInstructionReset(robot) < 0) return -1;
     std::cout << "Run successfully." << std::endl;
-    robot->DisableRobot();
-    std::cout << "Disable robot successfully." << std::endl;
-    return 0;
+    return DisableAndReport(robot);
 }
 
 int ExecuteFileInstructionReset(Robot* robot) {
-    robot->ActivatePositionMode();
-    double current_joint[kMaxJointNum] = {};
-    robot->GetCurrentMachineJoint(current_joint);
-    std::unique_ptr<InterpolationData[]> table(new (std::nothrow) InterpolationData[kInterpolationTableSize]);
-    if (!table) {
-        std::cout << "Memory error !" << std::endl;
-        return -1;
-    }
-    std::list<InstructionUnit> list;
     int count = 0;
-    if (DecodeInstructionFile(kResetProgramFileName, &list) < 0 ||
-        InstructionDataToMoveData(&list, table.get(), current_joint, robot, &count) < 0)
-        return -1;
+    std::unique_ptr<InterpolationData[]> table = LoadProgramFile(robot, kResetProgramFileName, &count);
+    if (!table) return -1;
     SetReplayOverride(kResetOverride);
     if (SetSpeedOverride() < 0) return -1;
     return MovePathList(robot, table.get(), count) < 0 ? -1 : 0;
@@ -140,15 +139,11 @@ int Calibration(Robot* robot) {
     }
     std::cout << "Enter y to calibrate the robot ..." << std::endl;
     if (ReadWord() == "y") {
-        robot->ActivateHomingMode();
-        if (robot->SetHomingPosition() < 0) return -1;
-        std::cout << "Set home position successfully." << std::endl;
+        if (SetHomeHere(robot) < 0) return -1;
     } else {
         std::cout << "Exit without calibration." << std::endl;
     }
-    robot->DisableRobot();
-    std::cout << "Disable robot successfully." << std::endl;
-    return 0;
+    return DisableAndReport(robot);
 }
 
 int Tutorials(Robot* robot) {

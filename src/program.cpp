@@ -170,21 +170,26 @@ int InstructionDataToMoveData(std::list<InstructionUnit>* list, InterpolationDat
     return index;
 }
 
-int ExecuteFileInstruction(Robot* robot, std::string file_name) {
-    if (robot == nullptr) return -1;
+std::unique_ptr<InterpolationData[]> LoadProgramFile(Robot* robot, std::string file_name, int* count) {
     robot->ActivatePositionMode();
     double current_joint[kMaxJointNum] = {};
     robot->GetCurrentMachineJoint(current_joint);
-
     std::unique_ptr<InterpolationData[]> table(new (std::nothrow) InterpolationData[kInterpolationTableSize]);
     if (!table) {
         std::cout << "Memory error !" << std::endl;
-        return -1;
+        return nullptr;
     }
     std::list<InstructionUnit> list;
-    if (DecodeInstructionFile(file_name, &list) < 0) return -1;
+    if (DecodeInstructionFile(file_name, &list) < 0) return nullptr;
+    if (InstructionDataToMoveData(&list, table.get(), current_joint, robot, count) < 0) return nullptr;
+    return table;
+}
+
+int ExecuteFileInstruction(Robot* robot, std::string file_name) {
+    if (robot == nullptr) return -1;
     int count = 0;
-    if (InstructionDataToMoveData(&list, table.get(), current_joint, robot, &count) < 0) return -1;
+    std::unique_ptr<InterpolationData[]> table = LoadProgramFile(robot, file_name, &count);
+    if (!table) return -1;
     return ReplayParametersConfiguration(robot, table.get(), count) == 0 ? 0 : -1;
 }
 

@@ -6,6 +6,7 @@
 
 #include <limits>
 #include <list>
+#include <memory>
 #include <string>
 
 #include "instruction.h"
@@ -56,6 +57,10 @@ struct InterpolationData {
 int InstructionDataToMoveData(std::list<InstructionUnit>* list, InterpolationData* table,
                               double* current_joint, Robot* robot, int* count);
 
+// Decodes a program file and converts it into a move table starting where the
+// robot stands (switched to position mode); *count receives the number of
+// moves. Null, with a message, on any failure.
+std::unique_ptr<InterpolationData[]> LoadProgramFile(Robot* robot, std::string file_name, int* count);
 // Decodes, converts and runs a program file with the operator's settings.
 // 0, or -1 on any failure.
 int ExecuteFileInstruction(Robot* robot, std::string file_name);
