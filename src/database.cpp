@@ -7,6 +7,7 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <cmath>
 #include <cstring>
 #include <iostream>
 #include <string>
@@ -129,6 +130,48 @@ int GetDataFormChar(const char* text, double* out, int n) {
         if (comma == nullptr) break;
         position = comma + 1;
     }
+    return 0;
+}
+
+namespace {
+
+const char* TypeTableName(int code) {
+    for (const TypeName& t : kRobotTypes)
+        if (t.code == code) return t.name;
+    return "?";
+}
+
+// Prints why value `v` (entry `entry` of a list row, -1 for a single value)
+// of row `row` cannot be used and returns -1.
+int RefuseParameter(int type, int row, int entry, double v, const char* rule) {
+    std::cout << "Parameter error: table " << TypeTableName(type) << ", row " << row;
+    if (entry >= 0) std::cout << ", entry " << entry + 1;
+    std::cout << ", value " << v << ": " << rule << std::endl;
+    return -1;
+}
+
+bool FinitePositive(double v) { return std::isfinite(v) && v > 0.0; }
+
+}  // namespace
+
+int CheckRobotParameters(const ResourceData* rd, int joints, bool cartesian) {
+    const int type = rd->robot_type;
+    const double* lists[3] = {rd->joint_speed, rd->joint_acceleration, rd->joint_jerk};
+    for (int row = 1; row <= 3; ++row)
+        for (int j = 0; j < joints && j < 20; ++j)
+            if (!FinitePositive(lists[row - 1][j]))
+                return RefuseParameter(type, row, j, lists[row - 1][j], "a joint limit must be finite and positive");
+    for (int j = 0; j < joints && j < 20; ++j)
+        if (rd->joint_direction[j] != 1.0 && rd->joint_direction[j] != -1.0)
+            return RefuseParameter(type, 11, j, rd->joint_direction[j], "a joint direction is 1 or -1");
+    if (!cartesian) return 0;
+    for (int k = 0; k < 6; ++k)
+        if (!FinitePositive(rd->cartesian_limits[k]))
+            return RefuseParameter(type, 4 + k, -1, rd->cartesian_limits[k],
+                                   "a Cartesian limit must be finite and positive");
+    for (int k = 0; k < 6; ++k)
+        if (!std::isfinite(rd->kinematic_lengths[k]))
+            return RefuseParameter(type, 12, k, rd->kinematic_lengths[k], "a kinematic length must be finite");
     return 0;
 }
 

@@ -37,6 +37,12 @@ struct ResourceData {
 ResourceData* GetResourceDate();
 int SelectFromTableList(ResourceData* rd);
 int DatabaseToMechnical(ResourceData* rd);
+// Checks every limit a robot of `joints` joints will use before it moves:
+// joint speed, acceleration and jerk finite and positive, directions 1 or -1
+// and, for arms with Cartesian motion, the six Cartesian limits finite and
+// positive and the kinematic lengths finite. 0, or -1 after a message naming
+// the table, the row (and list entry) and the value.
+int CheckRobotParameters(const ResourceData* rd, int joints, bool cartesian);
 int GetDataFormChar(const char* text, double* out, int n);
 int UpdateRobotType(char* value, int id);
 int DynamicsSwitch(char* value);

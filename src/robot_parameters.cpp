@@ -86,14 +86,10 @@ int Robot::GetParametersFromDatabase() {
         return -1;
     }
 
-    // A direction must truncate to +1 or -1: anything else would divide set-points by zero.
-    for (int i = 0; i < joint_num_; ++i) {
-        const double dir = rd->joint_direction[i];
-        if (!(std::fabs(dir) >= 1.0 && std::fabs(dir) < 2.0)) {
-            std::cout << "Direction of joint " << i + 1 << " is invalid: " << dir << std::endl;
-            return -1;
-        }
-    }
+    // Nothing moves on a limit that is not a usable number: a negative
+    // acceleration would plan a move of no periods, a zero direction divide
+    // set-points by zero. Free combinations set their own joint limits.
+    if (CheckRobotParameters(rd, joint_num_, robot_type_ >= 1 && robot_type_ <= 4) < 0) return -1;
 
     std::cout << "Current Axis Num : " << joint_num_ << std::endl;
     std::cout << "ID vector: " << std::endl;

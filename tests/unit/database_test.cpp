@@ -155,17 +155,34 @@ TEST(GetParametersFromDatabase, SixJointArm) {
     EXPECT_DOUBLE_EQ(rot.speed, 90.0 * 3.1415926 / 180.0);
     EXPECT_DOUBLE_EQ(line.speed, 250.0);
 
-    // Directions must be 1 or -1 (truncated towards zero).
-    for (const char* bad : {"[1,1,0.5,1,1,1]", "[1,1,1,nan,1,1]", "[1,1,1,1,1e30,1]", "[1,1,1,1,1,2]"}) {
-        ASSERT_TRUE(ExecSql("parameter.db", SetTypeValue(11, bad)));
+}
+
+// Every limit the robot will use must be a usable number; a bad one refuses
+// the robot with the table, the row (list entry) and the value.
+TEST(GetParametersFromDatabase, UnusableLimitsAreRefused) {
+    const struct {
+        int row;
+        const char* value;
+        const char* said;
+    } bad[] = {
+        {5, "-1", "table GL_6L3, row 5, value -1: a Cartesian limit must be finite and positive"},
+        {9, "0", "row 9, value 0:"},
+        {1, "[90,90,nan,120,120,120]", "row 1, entry 3, value nan: a joint limit"},
+        {3, "[900,900,900,1200,1200,-5]", "row 3, entry 6, value -5:"},
+        {11, "[1,1,0.5,1,1,1]", "row 11, entry 3, value 0.5: a joint direction is 1 or -1"},
+        {11, "[-1.9,1,1,1,1,-1]", "row 11, entry 1, value -1.9:"},
+        {12, "[152,inf,213,112,85,82]", "row 12, entry 2, value inf: a kinematic length"},
+    };
+    for (const auto& b : bad) {
+        ScratchDir dir;
+        ASSERT_TRUE(ExecSql("parameter.db", SetTypeValue(b.row, b.value)));
         ASSERT_EQ(Select(), 0);
-        EXPECT_EQ(ApplyToRobot(robot, 6, &out), -1) << bad;
-        EXPECT_NE(out.find("is invalid"), std::string::npos) << out;
+        Robot robot;
+        std::string out;
+        EXPECT_EQ(ApplyToRobot(robot, 6, &out), -1) << b.value;
+        EXPECT_NE(out.find(std::string("Parameter error: ")), std::string::npos) << out;
+        EXPECT_NE(out.find(b.said), std::string::npos) << out;
     }
-    ASSERT_TRUE(ExecSql("parameter.db", SetTypeValue(11, "[-1.9,1,1,1,1,-1]")));
-    ASSERT_EQ(Select(), 0);
-    ASSERT_EQ(ApplyToRobot(robot, 6, &out), 0);
-    EXPECT_EQ(robot.link_[0].direct_, -1);
 }
 
 // The number of actuators found must match the type's joints (at most 20 for
