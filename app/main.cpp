@@ -5,6 +5,8 @@
 #include "timing.h"
 
 int main(int argc, char** argv) {
+    // TQL_REALTIME=1: real-time scheduling and locked memory, where granted.
+    tql::RequestRealTimeIfAsked();
     tql::UseBusClockIfVirtual();
     return RunningProgram(argc, argv);
 }

@@ -326,6 +326,8 @@ void EnsureLoaded();
 void StartClock(bool virtual_mode);
 bool ClockIsVirtual();
 double BusNow();
+// The calling thread's own virtual time while it counts in lockstep, else BusNow().
+double ThreadNow();
 
 }  // namespace tqlsim
 

@@ -49,6 +49,7 @@ struct Timeline {
 std::mutex timelines_mutex;
 std::condition_variable timelines_changed;
 std::vector<Timeline*> timelines;  // of the threads alive that ever slept
+thread_local Timeline* my_timeline = nullptr;
 
 // Registers the calling thread's timeline for its lifetime.
 struct Registration {
@@ -56,8 +57,10 @@ struct Registration {
     Registration() {
         std::lock_guard<std::mutex> lock(timelines_mutex);
         timelines.push_back(&timeline);
+        my_timeline = &timeline;
     }
     ~Registration() {
+        my_timeline = nullptr;
         std::lock_guard<std::mutex> lock(timelines_mutex);
         timelines.erase(std::find(timelines.begin(), timelines.end(), &timeline));
         timelines_changed.notify_all();
@@ -136,6 +139,17 @@ double BusNow() {
     return Monotonic() - real_origin.load();
 }
 
+// A thread counting in lockstep is at its own last wake, which may be behind
+// the bus clock (the latest wake of all) by part of a period: its periodic
+// deadlines are reckoned from there.
+double ThreadNow() {
+    if (virtual_mode.load() && my_timeline != nullptr) {
+        std::lock_guard<std::mutex> lock(timelines_mutex);
+        if (my_timeline->active && my_timeline->generation == clock_generation.load()) return my_timeline->time;
+    }
+    return BusNow();
+}
+
 }  // namespace tqlsim
 
 extern "C" {
@@ -164,7 +178,7 @@ void tql_sim_sleep(double seconds) {
 double tql_sim_now(void) {
     tqlsim::EnsureLoaded();
     tqlsim::RaiseDueInterrupts();
-    return tqlsim::BusNow();
+    return tqlsim::ThreadNow();
 }
 
 }  // extern "C"

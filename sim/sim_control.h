@@ -19,7 +19,9 @@ int tql_sim_virtual_clock(void);
 // Sleep replacement for the virtual clock: advances the calling thread's own
 // timeline by the given seconds; the bus clock is the latest wake of all threads.
 void tql_sim_sleep(double seconds);
-// Bus clock in seconds (virtual or monotonic).
+// Bus clock in seconds (virtual or monotonic). On the virtual clock a thread
+// that sleeps in lockstep reads its own time (its last wake), which the bus
+// clock, the latest wake of all threads, may lead by part of a period.
 double tql_sim_now(void);
 
 // Starts the bus afresh from the current working directory, as a new process

@@ -201,6 +201,7 @@ int RecordContinuousPosition(std::string file_name) {
     int stored = 0;
     bool aborted = false;
     double scratch[kMaxJointNum];
+    tql::PeriodicTimer timer(PERIOD);
     for (bool first = true;; first = false) {
         if (!GetSystemStatus()) {
             aborted = true;
@@ -211,7 +212,7 @@ int RecordContinuousPosition(std::string file_name) {
         double* row = stored < capacity ? samples.get() + static_cast<size_t>(stored) * n : scratch;
         robot->GetCurrentMachineJointFast(row);
         if (stored < capacity) ++stored;
-        tql::SleepMilliseconds(PERIOD * 1000.0);
+        timer.Wait();
         if (GetStopFlag()) break;
     }
     if (aborted) {

@@ -93,11 +93,12 @@ int MoveExcitationTrajectories(Robot* robot, int repetitions) {
     for (int r = 0; r < repetitions; ++r) {
         tql::SleepMilliseconds(kRepetitionPauseMs);
         if (IsTerminal()) std::cout << "Running  iter = " << r << std::endl;
+        tql::PeriodicTimer timer(wait_ms * 1e-3);
         for (int k = 1; k <= kLastSample; ++k) {
             if (GetStopFlag()) return -1;
             robot->RequestCVPValue();
             if (robot->SendPosition(&trajectory[k * n], &trajectory[(k - 1) * n]) < 0) return -1;
-            tql::SleepMilliseconds(wait_ms);
+            timer.Wait();
             if (robot->controller_ != nullptr) robot->controller_->processEvents();
             double* record = &records[static_cast<size_t>(rows) * record_width];
             robot->GetCurrentCVPFast(record, record + n, record + 2 * n);

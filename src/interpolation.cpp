@@ -64,6 +64,7 @@ template <typename Path>
 static int StreamCartesianPath(Robot* robot, Path& path, long ticks, double* current, int n) {
     double previous[kMaxJointNum];
     double pose[7];
+    tql::PeriodicTimer timer(PERIOD);
     for (long tick = 1; tick <= ticks; ++tick) {
         if (GetStopFlag()) return -1;
         const double t = tick * PERIOD;
@@ -71,7 +72,7 @@ static int StreamCartesianPath(Robot* robot, Path& path, long ticks, double* cur
         path.Interpolation(t, pose);
         if (robot->InverseKinematics(current, pose) < 0) return -1;
         if (robot->SendMachinePosition(current, previous) < 0) return -1;
-        tql::SleepMilliseconds(4);
+        timer.Wait();
     }
     return 0;
 }
@@ -134,6 +135,7 @@ int MoveJointPath(Robot* robot, double* start, double* end, AccDecDate* limits) 
     if (ticks < 0) return -1;
 
     BeginStreamedMove();
+    tql::PeriodicTimer timer(PERIOD);
     for (long tick = 1; tick <= ticks; ++tick) {
         if (GetStopFlag()) return -1;
         const double t = tick * PERIOD;
@@ -142,7 +144,7 @@ int MoveJointPath(Robot* robot, double* start, double* end, AccDecDate* limits) 
             current[i] = paths[i].Interpolation(t);
         }
         if (robot->SendMachinePosition(current, previous) < 0) return -1;
-        tql::SleepMilliseconds(4);
+        timer.Wait();
     }
     return 0;
 }

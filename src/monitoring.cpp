@@ -56,9 +56,10 @@ int RealTimeMonitoring() {
     double velocity[kMaxJointNum] = {};
     double position[kMaxJointNum] = {};
     const bool compensate = GravityCompensationOn();
+    tql::PeriodicTimer timer(PERIOD);
     while (GetCurrentRunningMode() == kDragTeachingMode) {
         robot->RequestCVPValue();
-        tql::SleepMilliseconds(PERIOD * 1000.0);
+        timer.Wait();
         if (robot->controller_ != nullptr) robot->controller_->processEvents();
         robot->GetCurrentCVPFast(current, velocity, position);
         SetRealTimePos(position);

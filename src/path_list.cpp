@@ -221,6 +221,7 @@ int MovePathList(Robot* robot, InterpolationData* table, int count) {
     double previous[kMaxJointNum] = {};
     CopyJoints(table[0].start_position, command, n);
     InstallStop();
+    tql::PeriodicTimer timer(PERIOD);  // one schedule for the whole run
 
     for (int i = 0; i < count; ++i) {
         InterpolationData& move = table[i];
@@ -230,7 +231,7 @@ int MovePathList(Robot* robot, InterpolationData* table, int count) {
             CopyJoints(command, previous, n);
             if (move.MovePathFlow(robot, command, k * PERIOD) < 0) return -1;
             if (robot->SendMachinePosition(command, previous) < 0) return -1;
-            tql::SleepSeconds(PERIOD);
+            timer.Wait();
         }
     }
     return 0;
@@ -249,6 +250,7 @@ int MovePathListSmooth(Robot* robot, InterpolationData* table, int count) {
     double head_old[kMaxJointNum] = {};
     CopyJoints(table[0].start_position, command, n);
     InstallStop();
+    tql::PeriodicTimer timer(PERIOD);  // one schedule for the whole run
 
     for (int i = 0; i < count; ++i) {
         InterpolationData& move = table[i];
@@ -269,7 +271,7 @@ int MovePathListSmooth(Robot* robot, InterpolationData* table, int count) {
                 CopyJoints(command, previous, n);
                 for (int j = 0; j < n; ++j) command[j] += (tail[j] - tail_old[j]) + (head[j] - head_old[j]);
                 if (robot->SendMachinePosition(command, previous) < 0) return -1;
-                tql::SleepSeconds(PERIOD);
+                timer.Wait();
             }
         }
         // Main phase: this move alone, absolute positions. Its deceleration
@@ -280,7 +282,7 @@ int MovePathListSmooth(Robot* robot, InterpolationData* table, int count) {
             CopyJoints(command, previous, n);
             if (move.MovePathFlow(robot, command, move.acc_time + k * PERIOD) < 0) return -1;
             if (robot->SendMachinePosition(command, previous) < 0) return -1;
-            tql::SleepSeconds(PERIOD);
+            timer.Wait();
         }
     }
     return 0;

@@ -45,12 +45,13 @@ int MoveTrajectoryOnce(Robot* robot, double* samples, int rows) {
     if (collision) InitC();
     // Whole milliseconds per sample: 4 at override 1, 8 at 0.5, 13 at 0.3.
     const int wait_ms = static_cast<int>(4.0 / ov);
+    tql::PeriodicTimer timer(wait_ms * 1e-3);
     for (int k = 1; k < rows; ++k) {
         if (GetStopFlag()) return -1;
         if (collision) robot->RequestCVPValue();
         double* sample = samples + static_cast<size_t>(k) * n;
         if (robot->SendPosition(sample, sample - n) < 0) return -1;
-        tql::SleepMilliseconds(wait_ms);
+        timer.Wait();
     }
     return 0;
 }

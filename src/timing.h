@@ -23,6 +23,38 @@ void SetClockFunction(ClockFunction fn);
 bool UseBusClockIfVirtual();
 
 void SleepSeconds(double seconds);
+// Sleeps until `deadline` on the seam's clock (NowSeconds); returns at once
+// when it has passed. With the default sleep and clock the kernel wakes the
+// thread at the absolute monotonic time.
+void SleepUntilSeconds(double deadline);
+
+// Paces a fixed-period loop on absolute deadlines: the k-th Wait() returns at
+// start + k * period (start: construction or Restart), whatever the loop's own
+// work took, so periods neither drift nor stretch. A loop found more than one
+// period behind its deadline resynchronises (its next deadline is one period
+// from then) and counts an overrun. A period that is not a positive number
+// makes Wait() return at once.
+class PeriodicTimer {
+public:
+    explicit PeriodicTimer(double period_seconds);
+    void Restart();
+    void Wait();
+    long overruns() const { return overruns_; }
+
+private:
+    double period_;
+    double start_ = 0.0;
+    long k_ = 0;
+    long overruns_ = 0;
+};
+// Overruns of every PeriodicTimer of the process since it started.
+long OverrunCount();
+
+// Real-time scheduling for the control threads on the board: with
+// TQL_REALTIME=1 in the environment, asks for SCHED_FIFO at the given
+// priority and locks the process's memory. Prints a warning on standard error
+// (and goes on without) when the system refuses. True when both were granted.
+bool RequestRealTimeIfAsked(int priority = 80);
 void SleepMilliseconds(double ms);
 double NowSeconds();
 

@@ -17,7 +17,22 @@ struct Recorded {
     long setpoints = 0;  // setPosition rows of the recording
     long beyond = -1;    // from the exit summary "sim: C commands, V beyond limits"
     std::vector<double> positions;  // every actuator's at exit (revolutions, sim_state.txt)
+    std::vector<std::vector<double>> pacing;  // tql-pacing per actuator: periods, mean, median, p99, worst, overruns
 };
+
+// The period statistics tql-pacing prints for a flight recording.
+std::vector<std::vector<double>> Pacing(const std::string& csv) {
+    std::vector<std::vector<double>> rows;
+    FILE* p = popen((TQL_TOOLS_DIR "/tql-pacing '" + csv + "' 2>&1").c_str(), "r");
+    char line[256];
+    while (p != nullptr && std::fgets(line, sizeof line, p) != nullptr) {
+        std::vector<double> v(7);
+        if (std::sscanf(line, "%lf %lf %lf %lf %lf %lf %lf", &v[0], &v[1], &v[2], &v[3], &v[4], &v[5], &v[6]) == 7)
+            rows.emplace_back(v.begin() + 1, v.end());
+    }
+    if (p != nullptr) pclose(p);
+    return rows;
+}
 
 // Runs "tql mode4" on `program` (empty: the demo's own) with the answers,
 // pressing Ctrl-C once `interrupt_after` is printed.
@@ -28,6 +43,7 @@ Recorded RunProgram(const std::string& program, const std::string& answers, cons
     r.run = tqltest::RunHostInterrupted(dir.path(), {"mode4"}, answers, {{"TQL_SIM_RECORD", dir.File("record.csv")}},
                                         interrupt_after);
     r.setpoints = tqltest::CountOf(tqltest::ReadFile(dir.File("record.csv")), ",setPosition,");
+    r.pacing = Pacing(dir.File("record.csv"));
     const size_t at = r.run.err.find("sim: ");
     if (at != std::string::npos) sscanf(&r.run.err[at], "sim: %*d commands, %ld beyond limits", &r.beyond);
     std::istringstream state(tqltest::ReadFile(dir.File("sim_state.txt")));
@@ -86,6 +102,10 @@ TEST(Mode4, ProgramsRunToTheEndInEveryCycleSetting) {
         EXPECT_EQ(r.positions.size(), 6u);
         for (double p : r.positions) EXPECT_NEAR(p, 0.0, 1e-9) << answers[i];
         setpoints[i] = r.setpoints;
+        // Every period exactly 4 ms on every actuator (virtual time), no overrun.
+        ASSERT_EQ(r.pacing.size(), 6u);
+        for (const auto& a : r.pacing)
+            EXPECT_EQ(std::vector<double>(a.begin() + 1, a.end()), std::vector<double>({4, 4, 4, 4, 0})) << answers[i];
     }
     EXPECT_GT(setpoints[0], 6 * 1000);
     EXPECT_LT(setpoints[1], setpoints[0]);

@@ -14,6 +14,7 @@
 #include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <sstream>
 #include <stdexcept>
 #include <thread>
 
@@ -134,11 +135,32 @@ int CountOf(const std::string& text, const std::string& needle) {
     return n;
 }
 
+std::vector<std::string> HostLauncher() {
+    std::vector<std::string> words;
+    const char* spec = std::getenv("TQL_HOST_LAUNCHER");
+    std::istringstream in(spec != nullptr ? spec : "");
+    for (std::string w; in >> w;) words.push_back(w);
+    return words;
+}
+
+std::string HostLauncherPrefix() {
+    std::string prefix;
+    for (const std::string& w : HostLauncher()) prefix += w + " ";
+    return prefix;
+}
+
 HostRun RunHostInterrupted(const std::string& dir, const std::vector<std::string>& args,
                            const std::string& stdin_text, const EnvList& env, const std::string& interrupt_after,
                            double timeout_s) {
     const std::string in_path = dir + "/.stdin.txt", out_path = dir + "/.stdout.txt", err_path = dir + "/.stderr.txt";
     WriteFile(in_path, stdin_text);
+    // The command line is built before fork: the child only redirects and execs.
+    std::vector<std::string> words = HostLauncher();
+    words.push_back(TQL_HOST_PATH);
+    words.insert(words.end(), args.begin(), args.end());
+    std::vector<char*> argv;
+    for (auto& w : words) argv.push_back(w.data());
+    argv.push_back(nullptr);
     const pid_t pid = fork();
     if (pid < 0) throw std::runtime_error("fork failed");
     if (pid == 0) {
@@ -150,12 +172,8 @@ HostRun RunHostInterrupted(const std::string& dir, const std::vector<std::string
         setenv("TQL_SIM_CLOCK", "virtual", 1);
         for (const auto& kv : env)
             kv.second.empty() ? unsetenv(kv.first.c_str()) : setenv(kv.first.c_str(), kv.second.c_str(), 1);
-        std::string prog = TQL_HOST_PATH;
-        std::vector<std::string> copy = args;
-        std::vector<char*> argv{prog.data()};
-        for (auto& a : copy) argv.push_back(a.data());
-        argv.push_back(nullptr);
-        execv(prog.c_str(), argv.data());
+        // A launcher (an emulator) is looked up on PATH; the host path is absolute.
+        execvp(argv[0], argv.data());
         _exit(127);
     }
     // Wall time, bounded. Once interrupt_after is printed, Ctrl-C every 50 ms

@@ -40,17 +40,26 @@ private:
     bool entered_ = false;
 };
 
+// The words of TQL_HOST_LAUNCHER (split on blanks; none when unset): the
+// program that starts the build's host and tools when they cannot run
+// directly, e.g. "qemu-arm -L /usr/arm-linux-gnueabihf" for the board's build.
+std::vector<std::string> HostLauncher();
+// The same words, each followed by a blank, to put before a program in a
+// shell command line.
+std::string HostLauncherPrefix();
+
 struct HostRun {
     int exit_code = -1;  // exit status, or 128 + signal, or -1 on timeout
     std::string out, err;
 };
 using EnvList = std::vector<std::pair<std::string, std::string>>;
 
-// Runs the tql host in `dir` with the given arguments (without the program
-// name) and standard input, pressing Ctrl-C (SIGINT) once standard output
-// holds `interrupt_after` (empty: never) and again every 50 ms until the host
-// ends. The bus runs on the virtual clock unless env overrides TQL_SIM_CLOCK
-// (an empty value unsets a variable). Killed after timeout_s of wall time.
+// Runs the tql host in `dir` (through HostLauncher() when set) with the given
+// arguments (without the program name) and standard input, pressing Ctrl-C
+// (SIGINT) once standard output holds `interrupt_after` (empty: never) and
+// again every 50 ms until the host ends. The bus runs on the virtual clock
+// unless env overrides TQL_SIM_CLOCK (an empty value unsets a variable).
+// Killed after timeout_s of wall time.
 HostRun RunHostInterrupted(const std::string& dir, const std::vector<std::string>& args,
                            const std::string& stdin_text, const EnvList& env, const std::string& interrupt_after,
                            double timeout_s = 120.0);
