@@ -201,6 +201,7 @@ int SelectFromTableList(ResourceData* rd) {
     if (!(rd->gravity_gain >= 0.4999999 && rd->gravity_gain <= 1.50001)) rd->gravity_gain = 1.0;  // NaN too
     rd->collision_switch = std::strcmp(Slot(4), "ON") == 0;
     rd->collision_factor = std::atof(Slot(5));
+    rd->preflight_switch = std::strcmp(Slot(6), "OFF") != 0;
 
     const std::string type_name = Slot(1);
     bool known = false;

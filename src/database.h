@@ -20,6 +20,7 @@ struct ResourceData {
     double gravity_gain = 1.0;           // system row 3, kept within [0.5, 1.5]
     bool collision_switch = false;       // system row 4 == "ON"
     double collision_factor = 0.0;       // system row 5
+    bool preflight_switch = true;        // system row 6 != "OFF": check streams before moving
     int robot_type = 0;                  // RobotTypeCode
     double joint_speed[20] = {};         // deg/s
     double joint_acceleration[20] = {};  // deg/s^2

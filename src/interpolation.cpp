@@ -12,6 +12,7 @@
 #include <cstdio>
 #include <iostream>
 
+#include "database.h"
 #include "execute.h"
 #include "math_fun.h"
 #include "timing.h"
@@ -123,7 +124,9 @@ int MoveJointPreprocess(Robot* robot, double* start, double* end, JointPath* pat
     return 0;
 }
 
-int MoveJointPath(Robot* robot, double* start, double* end, AccDecDate* limits) {
+bool PreflightWanted() { return GetResourceDate()->preflight_switch && !tql::InPreflight(); }
+
+static int StreamJointPath(Robot* robot, double* start, double* end, AccDecDate* limits) {
     JointPath paths[kMaxJointNum];
     if (MoveJointPreprocess(robot, start, end, paths, limits) < 0) return -1;
     const int n = robot->GetRobotJointNum();
@@ -147,6 +150,10 @@ int MoveJointPath(Robot* robot, double* start, double* end, AccDecDate* limits) 
         timer.Wait();
     }
     return 0;
+}
+
+int MoveJointPath(Robot* robot, double* start, double* end, AccDecDate* limits) {
+    return RunWithPreflight([&] { return StreamJointPath(robot, start, end, limits); });
 }
 
 int MoveToSpecifiedPosition(double* target) {
@@ -271,8 +278,8 @@ static void ReportPeriodMismatch(int line) {
                  program_invocation_short_name, line, kFunction, kCondition);
 }
 
-int MoveLinearPath(Robot* robot, double* start_joints, double* end_joints, AccDecDate* linear,
-                   AccDecDate* rotation) {
+static int StreamLinearPath(Robot* robot, double* start_joints, double* end_joints, AccDecDate* linear,
+                            AccDecDate* rotation) {
     LinearPath lpath;
     // Deliberately unchecked: a path that could not be built stays zero and
     // gives a move without samples.
@@ -298,10 +305,15 @@ int MoveLinearPath(Robot* robot, double* start_joints, double* end_joints, AccDe
     return StreamCartesianPath(robot, lpath, tick, current, n);
 }
 
+int MoveLinearPath(Robot* robot, double* start_joints, double* end_joints, AccDecDate* linear,
+                   AccDecDate* rotation) {
+    return RunWithPreflight([&] { return StreamLinearPath(robot, start_joints, end_joints, linear, rotation); });
+}
+
 // ---------------------------------------------------------------- circular moves
 
-int MoveCircularPath(Robot* robot, double* start_joints, double* mid_joints, double* end_joints,
-                     AccDecDate* linear, AccDecDate* rotation) {
+static int StreamCircularPath(Robot* robot, double* start_joints, double* mid_joints, double* end_joints,
+                              AccDecDate* linear, AccDecDate* rotation) {
     CircularPath cpath;
     // Deliberately unchecked, as for the linear move.
     MoveCircularPreprocess(robot, start_joints, mid_joints, end_joints, &cpath, linear, rotation);
@@ -316,4 +328,10 @@ int MoveCircularPath(Robot* robot, double* start_joints, double* mid_joints, dou
 
     BeginStreamedMove();
     return StreamCartesianPath(robot, cpath, ticks, current, n);
+}
+
+int MoveCircularPath(Robot* robot, double* start_joints, double* mid_joints, double* end_joints,
+                     AccDecDate* linear, AccDecDate* rotation) {
+    return RunWithPreflight(
+        [&] { return StreamCircularPath(robot, start_joints, mid_joints, end_joints, linear, rotation); });
 }

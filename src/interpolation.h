@@ -22,6 +22,7 @@
 
 #include "mechnical_unit.h"
 #include "speed_profile.h"
+#include "timing.h"
 
 // One joint's segment. Starts zeroed.
 struct JointPath {
@@ -107,6 +108,25 @@ struct CircularPath {
     void InterpolationPreprocess();
     void Interpolation(double t, double* pose);
 };
+
+// ---- pre-flight
+//
+// Before a stream sends its first set-point, the same stream is computed and
+// checked without sending (tql::PreflightScope): what would be refused is
+// refused before the arm moves, with the failing check's own message. On by
+// default; row 6 of "system_parameters" = "OFF" switches it off (the arm then
+// moves until the failing period).
+bool PreflightWanted();
+// Runs stream() under a pre-flight first when wanted; -1 as soon as either
+// run fails (the pre-flight failing moves nothing).
+template <typename Stream>
+int RunWithPreflight(Stream stream) {
+    if (PreflightWanted()) {
+        tql::PreflightScope dry;
+        if (stream() < 0) return -1;
+    }
+    return stream();
+}
 
 // ---- joint moves
 

@@ -212,7 +212,40 @@ int PathListPreprocess(Robot* robot, InterpolationData* table, int count) {
     return 0;
 }
 
+namespace {
+
+// Streams a whole run under a pre-flight first: a refusal names the program
+// line whose set-point would have been refused, and nothing moves.
+template <typename Stream>
+int RunProgramWithPreflight(Stream stream) {
+    int line = 0;
+    if (PreflightWanted()) {
+        tql::PreflightScope dry;
+        if (stream(&line) < 0) {
+            if (line > 0) std::cout << "Line " << line << " refused before motion." << std::endl;
+            return -1;
+        }
+    }
+    return stream(&line);
+}
+
+int StreamPathList(Robot* robot, InterpolationData* table, int count, int* line);
+int StreamPathListSmooth(Robot* robot, InterpolationData* table, int count, int* line);
+
+}  // namespace
+
 int MovePathList(Robot* robot, InterpolationData* table, int count) {
+    return RunProgramWithPreflight([&](int* line) { return StreamPathList(robot, table, count, line); });
+}
+
+int MovePathListSmooth(Robot* robot, InterpolationData* table, int count) {
+    return RunProgramWithPreflight([&](int* line) { return StreamPathListSmooth(robot, table, count, line); });
+}
+
+namespace {
+
+// *line: the program line being streamed.
+int StreamPathList(Robot* robot, InterpolationData* table, int count, int* line) {
     if (robot == nullptr || table == nullptr || count < 0) return -1;
     if (count == 0) return 0;
     if (PrepareForRun(robot, table, count) < 0) return -1;
@@ -225,6 +258,7 @@ int MovePathList(Robot* robot, InterpolationData* table, int count) {
 
     for (int i = 0; i < count; ++i) {
         InterpolationData& move = table[i];
+        *line = move.line_number;
         const int ticks = Ticks(move.total_time);
         for (int k = 1; k <= ticks; ++k) {
             if (GetStopFlag()) return -1;
@@ -237,7 +271,7 @@ int MovePathList(Robot* robot, InterpolationData* table, int count) {
     return 0;
 }
 
-int MovePathListSmooth(Robot* robot, InterpolationData* table, int count) {
+int StreamPathListSmooth(Robot* robot, InterpolationData* table, int count, int* line) {
     if (robot == nullptr || table == nullptr || count < 0) return -1;
     if (count == 0) return 0;
     if (PrepareForRun(robot, table, count) < 0) return -1;
@@ -254,6 +288,7 @@ int MovePathListSmooth(Robot* robot, InterpolationData* table, int count) {
 
     for (int i = 0; i < count; ++i) {
         InterpolationData& move = table[i];
+        *line = move.line_number;
         if (i > 0) {
             // Blend phase: the command moves by the sum of both moves'
             // increments over the overlap.
@@ -287,6 +322,8 @@ int MovePathListSmooth(Robot* robot, InterpolationData* table, int count) {
     }
     return 0;
 }
+
+}  // namespace
 
 int ReplayPathStep(Robot* robot, InterpolationData* table, int count) {
     if (robot == nullptr || table == nullptr || count < 0) return -1;

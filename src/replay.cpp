@@ -21,6 +21,28 @@ constexpr double kCyclePauseMs = 1000.0;
 // The cycle counter runs 1 .. kCycleCountWrap and starts again at 1.
 constexpr int kCycleCountWrap = 100000;
 
+// The pass checked before the arm moves: the approach move computed without
+// sending, then every sample against the soft limits and every step between
+// samples against the speed limit at the recorded 4 ms. 0, or -1 after the
+// failing check's message and the sample's number (1 = the first line).
+int PreflightReplay(Robot* robot, double* samples, int rows, int n) {
+    {
+        tql::PreflightScope dry;
+        if (MoveToSpecifiedPosition(samples) < 0) return -1;
+    }
+    for (int k = 0; k < rows; ++k) {
+        double* sample = samples + static_cast<size_t>(k) * n;
+        double* before = k > 0 ? sample - n : sample;
+        for (int j = 0; j < n; ++j) {
+            if (robot->link_[j].CheckPosition(sample[j], before[j], PERIOD) < 0) {
+                std::cout << "Sample " << k + 1 << " refused before motion." << std::endl;
+                return -1;
+            }
+        }
+    }
+    return 0;
+}
+
 }  // namespace
 
 int MoveTrajectoryOnce(Robot* robot, double* samples, int rows) {
@@ -37,6 +59,7 @@ int MoveTrajectoryOnce(Robot* robot, double* samples, int rows) {
         std::cout << "The value of speed override is invalid(0.1-1)." << std::endl;
         return -1;
     }
+    if (PreflightWanted() && PreflightReplay(robot, samples, rows, n) < 0) return -1;
     if (MoveToSpecifiedPosition(samples) < 0) return -1;
 
     InitStopFlag();

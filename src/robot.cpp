@@ -178,12 +178,13 @@ bool Robot::JointErrorFree(int i, bool id_as_number) {
 }
 
 int Robot::SendMachinePosition(double* q, double* q_last) {
+    const bool preflight = tql::InPreflight();  // check only, send nothing
     for (int i = 0; i < joint_num_; ++i) {
         if (!JointErrorFree(i, true)) return -1;
         if (link_[i].CheckPosition(q[i], q_last[i], PERIOD) < 0) return -1;
-        link_[i].SetActuatorPosition(q[i]);
+        if (!preflight) link_[i].SetActuatorPosition(q[i]);
     }
-    SetRealTimePos(q);
+    if (!preflight) SetRealTimePos(q);
     return 0;
 }
 

@@ -33,6 +33,7 @@ double RealClock() {
 std::atomic<SleepFunction> sleep_fn{&RealSleep};
 std::atomic<ClockFunction> clock_fn{&RealClock};
 std::atomic<long> overrun_count{0};
+thread_local bool preflight = false;
 
 // Absolute monotonic sleep, for the default seam.
 void RealSleepUntil(double deadline) {
@@ -82,7 +83,7 @@ void PeriodicTimer::Restart() {
 }
 
 void PeriodicTimer::Wait() {
-    if (!(period_ > 0.0) || !std::isfinite(period_)) return;
+    if (preflight || !(period_ > 0.0) || !std::isfinite(period_)) return;
     ++k_;
     const double deadline = start_ + static_cast<double>(k_) * period_;
     const double now = NowSeconds();
@@ -98,6 +99,10 @@ void PeriodicTimer::Wait() {
 }
 
 long OverrunCount() { return overrun_count.load(); }
+
+PreflightScope::PreflightScope() : outer_(preflight) { preflight = true; }
+PreflightScope::~PreflightScope() { preflight = outer_; }
+bool InPreflight() { return preflight; }
 
 bool RequestRealTimeIfAsked(int priority) {
     const char* asked = std::getenv("TQL_REALTIME");

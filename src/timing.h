@@ -50,6 +50,21 @@ private:
 // Overruns of every PeriodicTimer of the process since it started.
 long OverrunCount();
 
+// Pre-flight: while a PreflightScope lives on a thread, the motion streams on
+// that thread compute and check every set-point without sending it, and their
+// periods take no time. Scopes nest.
+class PreflightScope {
+public:
+    PreflightScope();
+    ~PreflightScope();
+    PreflightScope(const PreflightScope&) = delete;
+    PreflightScope& operator=(const PreflightScope&) = delete;
+
+private:
+    bool outer_;
+};
+bool InPreflight();
+
 // Real-time scheduling for the control threads on the board: with
 // TQL_REALTIME=1 in the environment, asks for SCHED_FIFO at the given
 // priority and locks the process's memory. Prints a warning on standard error

@@ -77,6 +77,12 @@ TEST(Mode4, RefusalsPrintTheirMessagesAndMoveNothing) {
         {"", "0.05\nCYCLE\nNO\n", kOverridePrompt + "speed override = 0.05\n" + invalid},
         {"", "fast\nCYCLE\nNO\n", kOverridePrompt + invalid},
         {"", "1\ncycle\n", kCyclePrompt + "The value of operation cycle is invalid.\n"},
+        // A target beyond joint 1's soft limit (170 degrees), blended or not:
+        // refused by the pre-flight before the first set-point.
+        {"MOVJ VJ=100 z5 0,20,60,10,-90,0\nMOVJ VJ=100 z5 175,20,60,10,-90,0\n", "1\nCYCLE\nNO\n",
+         "ID 1 beyond joint max soft limit\n"},
+        {"MOVJ VJ=100 z5 0,20,60,10,-90,0\n// on\nMOVJ VJ=100 z5 175,20,60,10,-90,0\n", "1\nCYCLE\nYES\n",
+         "Line 3 refused before motion.\n"},
     };
     for (const auto& c : cases) {
         const Recorded r = RunProgram(c.program, c.answers);

@@ -6,6 +6,7 @@
 #include <cmath>
 #include <string>
 
+#include "database.h"
 #include "execute.h"
 #include "interpolation.h"
 #include "sim_control.h"
@@ -102,15 +103,26 @@ TEST_F(JointMoves, StopsAndRefusalsEndTheMove) {
     EXPECT_EQ(MoveTo(target), 0);
     EXPECT_NEAR(CurrentJoints()[0], target[0], 1e-9);
 
+    // Beyond a soft limit (170 degrees): refused before any set-point, or
+    // with the pre-flight switched off at the failing period.
     Joints beyond = target;
-    beyond[0] = 175 * kDeg;  // soft limit 170 degrees
-    tick_spy = tqltest::TickSpy();
-    std::string out;
-    EXPECT_EQ(Move(target, beyond, &out), -1);
-    EXPECT_NE(out.find("ID 1 beyond joint max soft limit"), std::string::npos) << out;
-    ASSERT_FALSE(tick_spy.sent.empty());
-    EXPECT_LE(tick_spy.sent.back()[0], 170 * kDeg);
-    EXPECT_NEAR(CurrentJoints()[0], tick_spy.sent.back()[0], 1e-9);
+    beyond[0] = 175 * kDeg;
+    for (bool preflight : {true, false}) {
+        GetResourceDate()->preflight_switch = preflight;
+        tick_spy = tqltest::TickSpy();
+        const long sent_before = tql_sim_setpoint_count(1);
+        std::string out;
+        EXPECT_EQ(Move(target, beyond, &out), -1);
+        EXPECT_EQ(tqltest::CountOf(out, "ID 1 beyond joint max soft limit"), 1) << out;
+        ASSERT_EQ(tick_spy.sent.empty(), preflight);
+        if (preflight) {
+            EXPECT_EQ(tql_sim_setpoint_count(1), sent_before);
+            continue;
+        }
+        EXPECT_LE(tick_spy.sent.back()[0], 170 * kDeg);
+        EXPECT_NEAR(CurrentJoints()[0], tick_spy.sent.back()[0], 1e-9);
+    }
+    GetResourceDate()->preflight_switch = true;
 }
 
 // Ready-made moves run at half the speed limits, the joint jog at a quarter.
