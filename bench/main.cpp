@@ -20,7 +20,9 @@ public:
         for (const Run& run : runs) {
             if (run.error_occurred) continue;
             if (run.run_type == Run::RT_Aggregate && run.aggregate_name != "median") continue;
-            ns_[run.run_name.function_name] = run.GetAdjustedCPUTime();
+            ns_[run.run_name.function_name] = run.GetAdjustedCPUTime() * TimeUnitNs(run.time_unit);
+            auto motion = run.counters.find("motion_ns");
+            if (motion != run.counters.end()) motion_ns_[run.run_name.function_name] = motion->second;
         }
         ConsoleReporter::ReportRuns(runs);
     }
@@ -32,6 +34,11 @@ public:
         Ratio("InverserDynamicsUr is", "BM_KdlRne", "BM_InverserDynamicsUr", "times faster than KDL ChainIdSolver_RNE");
         ShareOfPeriod("one linear-move tick", "BM_LinearMoveTick");
         ShareOfPeriod("one collision-observer step", "BM_CollisionDetection");
+        auto pre = ns_.find("BM_PreflightLinearMove");
+        auto motion = motion_ns_.find("BM_PreflightLinearMove");
+        if (pre != ns_.end() && motion != motion_ns_.end() && motion->second > 0)
+            std::printf("the pre-flight of a linear move takes %.4f %% of the move's duration\n",
+                        pre->second / motion->second * 100.0);
         auto sim = ns_.find("BM_SimulatedPeriod");
         if (sim != ns_.end() && sim->second > 0)
             std::printf("the physical simulation runs %.0f times faster than real time\n", 4e6 / sim->second);
@@ -49,7 +56,17 @@ private:
         if (it != ns_.end()) std::printf("%s takes %.4f %% of the 4 ms control period\n", what, it->second / 4e6 * 100.0);
     }
 
-    std::map<std::string, double> ns_;
+    static double TimeUnitNs(benchmark::TimeUnit unit) {
+        switch (unit) {
+            case benchmark::kMicrosecond: return 1e3;
+            case benchmark::kMillisecond: return 1e6;
+            case benchmark::kSecond: return 1e9;
+            default: return 1.0;
+        }
+    }
+
+    std::map<std::string, double> ns_;         // CPU time per iteration, ns
+    std::map<std::string, double> motion_ns_;  // duration of the motion a run guards, ns
 };
 
 }  // namespace

@@ -16,6 +16,7 @@
 #include <cmath>
 
 #include "interpolation.h"
+#include "timing.h"
 #include "mechnical_unit.h"
 #include "speed_profile.h"
 
@@ -121,5 +122,33 @@ void BM_LinearMoveTick(benchmark::State& state) {
     }
 }
 BENCHMARK(BM_LinearMoveTick);
+
+// The pre-flight of a whole linear move (every tick computed and checked,
+// nothing sent, no waiting), against the duration of the move it guards.
+// Its counter motion_ns is that duration; the reporter prints the share.
+void BM_PreflightLinearMove(benchmark::State& state) {
+    Robot robot;
+    SetUpDemoRobot(&robot);
+    double start[6] = {10 * kDeg, 25 * kDeg, 60 * kDeg, 5 * kDeg, -70 * kDeg, 15 * kDeg};
+    double end[6];
+    const double delta[6] = {25, -10, 15, 5, 10, -10};
+    for (int i = 0; i < 6; ++i) end[i] = start[i] + delta[i] * kDeg;
+    AccDecDate line = robot.line_speed_data_;
+    AccDecDate rotate = robot.rotate_speed_data_;
+    LinearPath path;
+    if (MoveLinearPreprocess(&robot, start, end, &path, &line, &rotate) < 0) {
+        state.SkipWithError("planning failed");
+        return;
+    }
+    for (auto _ : state) {
+        tql::PreflightScope dry;
+        if (MoveLinearPath(&robot, start, end, &line, &rotate) < 0) {
+            state.SkipWithError("pre-flight refused the move");
+            return;
+        }
+    }
+    state.counters["motion_ns"] = path.tall_ * 1e9;
+}
+BENCHMARK(BM_PreflightLinearMove)->Unit(benchmark::kMicrosecond);
 
 }  // namespace
