@@ -159,8 +159,8 @@ int tql_sim_virtual_clock(void) {
     return tqlsim::ClockIsVirtual() ? 1 : 0;
 }
 
-// Both clock functions count as bus calls for the scripted interrupts (at the
-// time of the call, before a sleep advances the clock).
+// Both clock functions count as bus calls for the scripted interrupts; a
+// sleep also delivers those that fell due while it slept, on waking.
 void tql_sim_sleep(double seconds) {
     tqlsim::EnsureLoaded();
     tqlsim::RaiseDueInterrupts();
@@ -173,6 +173,8 @@ void tql_sim_sleep(double seconds) {
         tqlsim::VirtualSleep(seconds);
     else
         tqlsim::RealSleep(seconds);
+    // A Ctrl-C due while the thread slept has arrived by the time it wakes.
+    tqlsim::RaiseDueInterrupts();
 }
 
 double tql_sim_now(void) {

@@ -50,7 +50,7 @@ int tql_sim_inject_error_at_time(int id, unsigned code, double bus_time);
 
 // The operator's Ctrl-C at bus time `bus_time` (seconds): the first bus call
 // after this one made at or after that time (any SDK call, tql_sim_sleep on
-// entry, tql_sim_now) raises SIGINT in the process once, without holding the
+// entry and on waking, tql_sim_now) raises SIGINT in the process once, without holding the
 // bus lock. Adds to sim.conf "interrupt_at" / TQL_SIM_INTERRUPT until the next
 // reset. 0 on success, -1 for a negative or non-finite time.
 int tql_sim_set_interrupt_at(double bus_time);

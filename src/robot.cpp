@@ -178,13 +178,15 @@ bool Robot::JointErrorFree(int i, bool id_as_number) {
 }
 
 int Robot::SendMachinePosition(double* q, double* q_last) {
-    const bool preflight = tql::InPreflight();  // check only, send nothing
+    // Every joint is checked before any is sent: a tick goes out whole or
+    // not at all, so nothing follows a fault on any joint.
     for (int i = 0; i < joint_num_; ++i) {
         if (!JointErrorFree(i, true)) return -1;
         if (link_[i].CheckPosition(q[i], q_last[i], PERIOD) < 0) return -1;
-        if (!preflight) link_[i].SetActuatorPosition(q[i]);
     }
-    if (!preflight) SetRealTimePos(q);
+    if (tql::InPreflight()) return 0;  // the pre-flight checks only
+    for (int i = 0; i < joint_num_; ++i) link_[i].SetActuatorPosition(q[i]);
+    SetRealTimePos(q);
     return 0;
 }
 

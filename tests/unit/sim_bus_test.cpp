@@ -225,7 +225,8 @@ TEST_F(SimBus, VirtualClockRunsSleepingThreadsInLockstep) {
 
 volatile sig_atomic_t interrupts_seen = 0;
 
-// Each listed time raises SIGINT once, at the first bus call at or after it:
+// Each listed time raises SIGINT once, at the first bus call at or after it
+// (a sleep that wakes at or after it counts):
 // from sim.conf, TQL_SIM_INTERRUPT (which wins) or the control function; bad
 // lists are reported and ignored; every reset arms the times again.
 TEST_F(SimBus, ScriptedCtrlCArrivesOncePerListedTime) {
@@ -262,8 +263,8 @@ TEST_F(SimBus, ScriptedCtrlCArrivesOncePerListedTime) {
             interrupts_seen = 0;
             std::vector<double> steps, arrivals;  // bus times of the calls, and of each signal
             for (int k = 0; k < 300; ++k) {  // a getter, a request or an event round every 4 ms
-                tql_sim_sleep(0.004);
                 const int before = interrupts_seen;
+                tql_sim_sleep(0.004);  // delivers, on waking, what fell due while asleep
                 if (k % 3 == 0) Ctl()->getPosition(1, true);
                 if (k % 3 == 1) Ctl()->requestCVPValue(2);
                 if (k % 3 == 2) Ctl()->processEvents();

@@ -1,0 +1,102 @@
+// Fault drills on the simulated bus, through the host: each fault ends the
+// job with its message and exit status 255 (-1), no set-point goes out after
+// the fault, and no file is left half-written.
+#include <gtest/gtest.h>
+
+#include <dirent.h>
+
+#include <cstdio>
+#include <fstream>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "test_support.h"
+
+namespace {
+
+using tqltest::HostRun;
+using tqltest::ReadFile;
+using tqltest::ScratchDir;
+
+// Bus times of the position set-points in a flight recording, in order
+// (of actuator `id` only, when given).
+std::vector<double> SetPointTimes(const std::string& csv, int id = 0) {
+    std::vector<double> times;
+    std::istringstream in(csv);
+    for (std::string line; std::getline(in, line);) {
+        double t = 0;
+        int who = 0;
+        if (line.find(",setPosition,") != std::string::npos && std::sscanf(line.c_str(), "%lf,%d", &t, &who) == 2 &&
+            (id == 0 || who == id))
+            times.push_back(t);
+    }
+    return times;
+}
+
+// Files named *.part (a write that did not finish) under dir/file.
+int PartFiles(const ScratchDir& dir) {
+    int n = 0;
+    if (DIR* d = opendir(dir.File("file").c_str())) {
+        while (dirent* e = readdir(d)) n += std::string(e->d_name).find(".part") != std::string::npos;
+        closedir(d);
+    }
+    return n;
+}
+
+}  // namespace
+
+TEST(FaultDrill, EachFaultEndsTheJobWithItsMessageAndNothingAfterIt) {
+    const struct {
+        const char* name;
+        const char* mode;
+        tqltest::EnvList env;
+        const char* said;
+        double fault_time;  // bus time of the fault (-1: before any motion, 0: actuator 3's 200th set-point)
+    } drills[] = {
+        // Locked rotor on joint 3 at its 200th set-point, which it refuses.
+        {"error word mid-move", "mode4", {{"TQL_SIM_FAULT", "error:3:0x4:setpoint:200"}}, "ID 3 error : 4\n", 0},
+        // Joint 2 stops answering: the bus reports it disconnected.
+        {"actuator stops answering", "mode4", {{"TQL_SIM_FAULT", "error:2:0x801:time:2.25"}}, "ID 2 error : 801\n",
+         2.25},
+        {"operator's Ctrl-C", "mode4", {{"TQL_SIM_INTERRUPT", "3.013"}}, "", 3.013},
+        {"enable failure", "mode4", {{"TQL_SIM_FAULT", "enable_failure"}}, "Enable failure", -1},
+        {"save failure", "reset", {{"TQL_SIM_FAULT", "save_failure"}}, "Save parameters failed!\n", -1},
+        // The identification run stopped half-way: nothing is written.
+        {"Ctrl-C while recording", "admin", {{"TQL_SIM_INTERRUPT", "20"}}, "", 20},
+    };
+    for (const auto& d : drills) {
+        ScratchDir dir(false);
+        tqltest::EnvList env = d.env;
+        env.push_back({"TQL_SIM_RECORD", dir.File("rec.csv")});
+        const HostRun run = tqltest::RunHost(dir.path(), {d.mode}, "1\nCYCLE\nNO\n", env);
+        EXPECT_EQ(run.exit_code, 255) << d.name << "\n" << run.out;
+        EXPECT_NE(run.out.find(d.said), std::string::npos) << d.name << "\n" << run.out;
+        EXPECT_NE(run.err.find(", 0 beyond limits"), std::string::npos) << d.name << run.err;
+        const std::string rec = ReadFile(dir.File("rec.csv"));
+        const std::vector<double> times = SetPointTimes(rec);
+        double fault = d.fault_time;
+        if (fault == 0) {
+            const std::vector<double> joint3 = SetPointTimes(rec, 3);
+            ASSERT_EQ(joint3.size(), 200u) << d.name;
+            fault = joint3.back();
+        }
+        if (fault < 0)
+            EXPECT_TRUE(times.empty()) << d.name;
+        else
+            EXPECT_LE(times.back(), fault + 1e-9) << d.name;
+        EXPECT_EQ(PartFiles(dir), 0) << d.name;
+        EXPECT_FALSE(std::ifstream(dir.File("file/excitation_output.txt")).good()) << d.name;
+    }
+}
+
+// The database disappears between two runs: the second refuses to boot.
+TEST(FaultDrill, DatabaseGoneBetweenRuns) {
+    ScratchDir dir(false);
+    ASSERT_EQ(tqltest::RunHost(dir.path(), {"mode4"}, "1\nCYCLE\nNO\n").exit_code, 0);
+    std::remove(dir.File("parameter.db").c_str());
+    const HostRun run = tqltest::RunHost(dir.path(), {"mode4"}, "1\nCYCLE\nNO\n", {{"TQL_SIM_RECORD", "rec.csv"}});
+    EXPECT_EQ(run.exit_code, 255);
+    EXPECT_NE(run.out.find("Load parameters error!\n"), std::string::npos) << run.out;
+    EXPECT_NE(run.err.find("sim: 0 commands, 0 beyond limits"), std::string::npos) << run.err;
+}
