@@ -1,11 +1,16 @@
 #!/usr/bin/env bash
-# Cross-builds the library, the simulated bus, the host and the unit tests for
-# the controller board (32-bit ARM, hard-float) and runs the unit tests under
-# qemu-arm. Installs the cross compiler and qemu-user if missing (as root).
+# Cross-builds the library, the simulated bus (with its physics), the host,
+# the dynamics tools and the tests for the controller board (32-bit ARM,
+# hard-float) and runs the tests under qemu-arm: unit, end-to-end and the
+# short soak; not the install test (see below).
+# Installs the cross compiler and qemu-user if missing (as root). The target's
+# libraries come from Debian's armhf packages, unpacked into a sysroot.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 SUDO=""
 [ "$(id -u)" -ne 0 ] && SUDO="sudo"
+jobs=$(nproc 2>/dev/null || echo 2)
+start=$SECONDS
 
 missing=()
 for p in g++-arm-linux-gnueabihf qemu-user cmake googletest; do
@@ -16,25 +21,54 @@ if [ ${#missing[@]} -gt 0 ]; then
   DEBIAN_FRONTEND=noninteractive $SUDO apt-get install -y -qq --no-install-recommends "${missing[@]}" </dev/null
 fi
 
-# SQLite for the target, unpacked from Debian's armhf packages.
+# The target's SQLite, KDL and urdfdom (with console_bridge and TinyXML) as
+# armhf packages, and the architecture-independent headers (Eigen, urdfdom's
+# model headers). Unpacked again whenever this list changes.
 sysroot=$PWD/build/armhf-sysroot
-if [ ! -e "$sysroot/usr/lib/arm-linux-gnueabihf/libsqlite3.so" ]; then
-  mkdir -p build/armhf-debs "$sysroot"
-  (cd build/armhf-debs && apt-get download libsqlite3-0:armhf libsqlite3-dev:armhf 2>/dev/null) || {
+debs=$PWD/build/armhf-debs
+packages=(libsqlite3-0:armhf libsqlite3-dev:armhf
+          liborocos-kdl1.5:armhf liborocos-kdl-dev:armhf
+          liburdfdom-model3.0:armhf liburdfdom-model-state3.0:armhf liburdfdom-sensor3.0:armhf
+          liburdfdom-world3.0:armhf liburdfdom-dev:armhf
+          libconsole-bridge1.0:armhf libconsole-bridge-dev:armhf libtinyxml2.6.2v5:armhf libtinyxml-dev:armhf
+          liburdfdom-headers-dev libeigen3-dev)
+if [ "$(cat "$sysroot/.packages" 2>/dev/null)" != "${packages[*]}" ]; then
+  rm -rf "$sysroot" "$debs"
+  mkdir -p "$debs" "$sysroot"
+  (cd "$debs" && apt-get -qq download "${packages[@]}" 2>/dev/null) || {
     # apt only lists packages of the architectures it was told about.
     $SUDO dpkg --add-architecture armhf
     $SUDO apt-get update -qq || echo "apt-get update was incomplete; trying with the lists it got"
-    (cd build/armhf-debs && apt-get download libsqlite3-0:armhf libsqlite3-dev:armhf)
+    (cd "$debs" && apt-get download "${packages[@]}")
   }
-  for deb in build/armhf-debs/*.deb; do dpkg -x "$deb" "$sysroot"; done
+  for deb in "$debs"/*.deb; do dpkg -x "$deb" "$sysroot"; done
+  # The packages' CMake files name their headers and libraries by absolute
+  # /usr paths, which here would be the build machine's own: point them into
+  # the sysroot.
+  find "$sysroot" -name '*.cmake' -exec sed -i -E "s#([\";])/usr([/\"])#\\1$sysroot/usr\\2#g" {} +
+  echo "${packages[*]}" >"$sysroot/.packages"
 fi
 
+# Optimised as the native build (-O2), without debug information, which
+# would double the compile time of the Eigen and KDL code. The toolchain
+# file's flags are read into a new cache only.
+[ cmake/armhf-toolchain.cmake -nt build/armhf/CMakeCache.txt ] && rm -f build/armhf/CMakeCache.txt
 cmake -S . -B build/armhf -DCMAKE_TOOLCHAIN_FILE=cmake/armhf-toolchain.cmake \
+  -DCMAKE_BUILD_TYPE=Release -DCMAKE_C_FLAGS_RELEASE="-O2 -DNDEBUG" -DCMAKE_CXX_FLAGS_RELEASE="-O2 -DNDEBUG" \
   -DTQL_ARMHF_SYSROOT="$sysroot" -DTQL_GTEST_FROM_SOURCE=ON -DTQL_WERROR=ON >/dev/null
-cmake --build build/armhf -j"$(nproc 2>/dev/null || echo 2)"
+cmake --build build/armhf -j"$jobs"
+built=$SECONDS
+
+# The tests, and the host and tools they start (tql, tql-identify,
+# tql-excite, tql-pacing), run under qemu-arm: the tests start those through
+# TQL_HOST_LAUNCHER, since qemu-user does not follow a child process into a
+# new program. QEMU_LD_PREFIX gives every emulated program the target's C
+# library and loader; the build's programs find libtql.so, the simulated bus
+# and the unpacked libraries by their build RPATH (no LD_LIBRARY_PATH).
 export QEMU_LD_PREFIX=/usr/arm-linux-gnueabihf
-export LD_LIBRARY_PATH="$sysroot/usr/lib/arm-linux-gnueabihf${LD_LIBRARY_PATH:+:$LD_LIBRARY_PATH}"
-# The end-to-end tests start the host as a child process, which qemu-user
-# does not follow; they run in the native build.
-ctest --test-dir build/armhf -L unit --output-on-failure -j"$(nproc 2>/dev/null || echo 2)" </dev/null
+export TQL_HOST_LAUNCHER="qemu-arm -L $QEMU_LD_PREFIX"
+echo "armhf: every test under qemu-arm but the install test, which this build leaves out:" \
+     "it builds consumer programs with the build machine's own compiler"
+ctest --test-dir build/armhf --output-on-failure -j"$jobs" --timeout 600 </dev/null
 file build/armhf/tql build/armhf/libtql.so* | sed 's/,.*//'
+echo "armhf: build $((built - start)) s, tests under qemu-arm $((SECONDS - built)) s"

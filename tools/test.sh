@@ -2,7 +2,8 @@
 # Installs what is missing (Debian packages, as root), builds everything with
 # warnings as errors, runs every test, then builds and runs them again under
 # the address and undefined-behaviour sanitizers, the threaded tests under
-# the thread sanitizer, and each fuzz target for 20 s.
+# the thread sanitizer, every test again cross-built for the board (32-bit ARM)
+# under qemu-arm, and each fuzz target for 20 s.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -39,6 +40,8 @@ cmake -S . -B build/tsan -DTQL_WERROR=ON -DTQL_TSAN=ON >/dev/null
 cmake --build build/tsan -j"$jobs" --target drag_teach_test teach_test
 TSAN_OPTIONS=halt_on_error=1 ctest --test-dir build/tsan --output-on-failure -j"$jobs" --timeout 600 \
   -R '^(DragTeach|Teaching)\.' </dev/null
+echo "== the board: 32-bit ARM cross build, every test under qemu-arm =="
+tools/cross-build.sh
 echo "== fuzzing: every target 20 s =="
 TQL_FUZZ_JOBS="$jobs" tools/fuzz.sh 20
 echo "All tests passed."

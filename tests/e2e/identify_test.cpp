@@ -26,7 +26,8 @@ struct ToolRun {
 };
 // Runs one of the dynamics tools in `dir`.
 ToolRun RunTool(const std::string& dir, const std::string& command) {
-    FILE* p = popen(("cd '" + dir + "' && " TQL_TOOLS_DIR "/" + command + " 2>&1 </dev/null").c_str(), "r");
+    const std::string tool = tqltest::HostLauncherPrefix() + TQL_TOOLS_DIR "/" + command;
+    FILE* p = popen(("cd '" + dir + "' && " + tool + " 2>&1 </dev/null").c_str(), "r");
     std::string out;
     char buf[4096];
     for (size_t n; p != nullptr && (n = fread(buf, 1, sizeof buf, p)) > 0;) out.append(buf, n);

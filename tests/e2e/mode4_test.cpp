@@ -23,7 +23,7 @@ struct Recorded {
 // The period statistics tql-pacing prints for a flight recording.
 std::vector<std::vector<double>> Pacing(const std::string& csv) {
     std::vector<std::vector<double>> rows;
-    FILE* p = popen((TQL_TOOLS_DIR "/tql-pacing '" + csv + "' 2>&1").c_str(), "r");
+    FILE* p = popen((tqltest::HostLauncherPrefix() + TQL_TOOLS_DIR "/tql-pacing '" + csv + "' 2>&1").c_str(), "r");
     char line[256];
     while (p != nullptr && std::fgets(line, sizeof line, p) != nullptr) {
         std::vector<double> v(7);

@@ -22,6 +22,7 @@
 #include <chrono>
 #include <cmath>
 #include <condition_variable>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -75,7 +76,8 @@ const char* const kRefusals[] = {
 
 class Dice {
 public:
-    Dice(unsigned long seed, long index) {
+    // 64-bit on every target: the board's long is 32 bits wide.
+    Dice(std::uint64_t seed, std::int64_t index) {
         std::seed_seq seq{static_cast<unsigned>(seed), static_cast<unsigned>(seed >> 32),
                           static_cast<unsigned>(index), static_cast<unsigned>(index >> 32)};
         engine_.seed(seq);
