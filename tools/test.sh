@@ -30,18 +30,28 @@ run_suite() {
   ctest --test-dir "$dir" --output-on-failure -j"$jobs" --timeout 600 </dev/null
 }
 
-echo "== build and test =="
+# Each stage prints its cost when the next one starts.
+stage_start=$SECONDS
+stage() {
+  [ -n "${stage_name:-}" ] && echo "-- $stage_name took $((SECONDS - stage_start)) s"
+  stage_name=$1
+  stage_start=$SECONDS
+  echo "== $1 =="
+}
+
+stage "build and test"
 run_suite build/ci -DTQL_BUILD_BENCH=ON
-echo "== address + undefined-behaviour sanitizers =="
+stage "address + undefined-behaviour sanitizers"
 ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
   run_suite build/asan -DTQL_SANITIZE=ON -DCMAKE_BUILD_TYPE=Debug
-echo "== thread sanitizer: the threaded tests (drag teaching, monitoring) =="
+stage "thread sanitizer: the threaded tests (drag teaching, monitoring)"
 cmake -S . -B build/tsan -DTQL_WERROR=ON -DTQL_TSAN=ON >/dev/null
 cmake --build build/tsan -j"$jobs" --target drag_teach_test teach_test
 TSAN_OPTIONS=halt_on_error=1 ctest --test-dir build/tsan --output-on-failure -j"$jobs" --timeout 600 \
   -R '^(DragTeach|Teaching)\.' </dev/null
-echo "== the board: 32-bit ARM cross build, every test under qemu-arm =="
+stage "the board: 32-bit ARM cross build, every test under qemu-arm"
 tools/cross-build.sh
-echo "== fuzzing: every target 20 s =="
+stage "fuzzing: every target 20 s"
 TQL_FUZZ_JOBS="$jobs" tools/fuzz.sh 20
-echo "All tests passed."
+stage "done"
+echo "All tests passed in $SECONDS s."
