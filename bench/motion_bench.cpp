@@ -76,13 +76,21 @@ void BM_ProfileSample(benchmark::State& state) {
 }
 BENCHMARK(BM_ProfileSample);
 
+// The benchmarked linear move: a comfortable pose and 25 degrees on from it.
+void LinearMoveEnds(double* start, double* end) {
+    const double from[6] = {10, 25, 60, 5, -70, 15};
+    const double delta[6] = {25, -10, 15, 5, 10, -10};
+    for (int i = 0; i < 6; ++i) {
+        start[i] = from[i] * kDeg;
+        end[i] = start[i] + delta[i] * kDeg;
+    }
+}
+
 void BM_LinearMoveTick(benchmark::State& state) {
     Robot robot;
     SetUpDemoRobot(&robot);
-    double start[6] = {10 * kDeg, 25 * kDeg, 60 * kDeg, 5 * kDeg, -70 * kDeg, 15 * kDeg};
-    double end[6];
-    const double delta[6] = {25, -10, 15, 5, 10, -10};
-    for (int i = 0; i < 6; ++i) end[i] = start[i] + delta[i] * kDeg;
+    double start[6], end[6];
+    LinearMoveEnds(start, end);
     LinearPath path;
     AccDecDate line = robot.line_speed_data_;
     AccDecDate rotate = robot.rotate_speed_data_;
@@ -129,10 +137,8 @@ BENCHMARK(BM_LinearMoveTick);
 void BM_PreflightLinearMove(benchmark::State& state) {
     Robot robot;
     SetUpDemoRobot(&robot);
-    double start[6] = {10 * kDeg, 25 * kDeg, 60 * kDeg, 5 * kDeg, -70 * kDeg, 15 * kDeg};
-    double end[6];
-    const double delta[6] = {25, -10, 15, 5, 10, -10};
-    for (int i = 0; i < 6; ++i) end[i] = start[i] + delta[i] * kDeg;
+    double start[6], end[6];
+    LinearMoveEnds(start, end);
     AccDecDate line = robot.line_speed_data_;
     AccDecDate rotate = robot.rotate_speed_data_;
     LinearPath path;

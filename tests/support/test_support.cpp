@@ -137,8 +137,8 @@ int CountOf(const std::string& text, const std::string& needle) {
 
 std::vector<std::string> HostLauncher() {
     std::vector<std::string> words;
-    const char* spec = std::getenv("TQL_HOST_LAUNCHER");
-    std::istringstream in(spec != nullptr ? spec : "");
+    const char* launcher = std::getenv("TQL_HOST_LAUNCHER");
+    std::istringstream in(launcher != nullptr ? launcher : "");
     for (std::string w; in >> w;) words.push_back(w);
     return words;
 }
