@@ -4,6 +4,8 @@
 // host ending the monitoring loop. Run under ThreadSanitizer in CI.
 #include <gtest/gtest.h>
 
+#include <chrono>
+#include <cmath>
 #include <cstdlib>
 #include <streambuf>
 #include <string>
@@ -35,14 +37,20 @@ struct Answer {
     const Joints* pose = nullptr;
 };
 
-// Puts the (kinematic) arm at q degrees and waits two monitoring periods, so
-// the readings the recorder takes are the new pose.
+// Puts the (kinematic) arm at q degrees and waits until the monitoring loop
+// has delivered the new pose, so the readings the recorder takes are it.
 void PoseArm(const Joints& q) {
     const int direction[6] = {1, 1, -1, 1, -1, 1};
     for (int j = 0; j < 6; ++j)
         tql_sim_set_position(j + 1, q[j] * tqltest::kDeg / 6.2831852 * 36.0 * direction[j]);
-    const double until = tql_sim_now() + 0.012;
-    while (tql_sim_now() < until) std::this_thread::yield();
+    const auto give_up = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+    for (bool there = false; !there && std::chrono::steady_clock::now() < give_up;) {
+        Joints read;
+        GetCurrentRobot()->GetCurrentMachineJointFast(read.data());
+        there = true;
+        for (int j = 0; j < 6; ++j) there = there && std::fabs(read[j] - q[j] * tqltest::kDeg) < 1e-9;
+        std::this_thread::yield();
+    }
 }
 
 // Standard input of the dialogue: one answer per line, the arm posed when
