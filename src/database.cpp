@@ -82,10 +82,10 @@ int ExecRead(sqlite3* db, const std::string& sql) {
     return 0;
 }
 
-sqlite3* OpenDatabase() {
+sqlite3* OpenDatabase(const char* file = kDatabaseFile, int flags = SQLITE_OPEN_READWRITE) {
     sqlite3* db = nullptr;
     // Never create an empty database where none was: a missing file is an error.
-    if (sqlite3_open_v2(kDatabaseFile, &db, SQLITE_OPEN_READWRITE, nullptr) != SQLITE_OK) {
+    if (sqlite3_open_v2(file, &db, flags, nullptr) != SQLITE_OK) {
         std::fprintf(stderr, "Can't open database: %s\n", sqlite3_errmsg(db));
         sqlite3_close(db);
         return nullptr;
@@ -188,11 +188,13 @@ int DatabaseToMechnical(ResourceData* rd) {
     return 0;
 }
 
-int SelectFromTableList(ResourceData* rd) {
+namespace {
+
+int ReadParameters(const char* file, int flags, ResourceData* rd) {
     rd->dynamics_switch = false;
     std::memset(output_string, 0, sizeof(output_string));
 
-    sqlite3* db = OpenDatabase();
+    sqlite3* db = OpenDatabase(file, flags);
     if (db == nullptr) return -1;
     if (ExecRead(db, "SELECT * from system_parameters") < 0) return -1;
 
@@ -226,6 +228,17 @@ int SelectFromTableList(ResourceData* rd) {
     DatabaseToMechnical(rd);  // a half-parsed table keeps what was read
     return 0;
 }
+
+}  // namespace
+
+int SelectFromTableList(ResourceData* rd) { return ReadParameters(kDatabaseFile, SQLITE_OPEN_READWRITE, rd); }
+
+int SelectFromTableListAt(const char* file, ResourceData* rd) {
+    if (file == nullptr || rd == nullptr) return -1;
+    return ReadParameters(file, SQLITE_OPEN_READONLY, rd);
+}
+
+const char* RobotTypeName(int code) { return TypeTableName(code); }
 
 int UpdateRobotType(char* value, int id) {
     if (value == nullptr) return -1;

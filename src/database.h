@@ -36,7 +36,13 @@ struct ResourceData {
 };
 
 ResourceData* GetResourceDate();
+// Reads "parameter.db" of the working directory into rd. 0, or -1 after a message.
 int SelectFromTableList(ResourceData* rd);
+// The same from the database file `file`, opened read-only (offline tools:
+// nothing is written, no actuator is touched).
+int SelectFromTableListAt(const char* file, ResourceData* rd);
+// Table name of a RobotTypeCode ("GL_6L3", ...), "?" for an unknown code.
+const char* RobotTypeName(int code);
 int DatabaseToMechnical(ResourceData* rd);
 // Checks every limit a robot of `joints` joints will use before it moves:
 // joint speed, acceleration and jerk finite and positive, directions 1 or -1
