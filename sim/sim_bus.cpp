@@ -13,6 +13,7 @@
 #include <limits>
 
 #include "sim_bus.h"
+#include "sim_view.h"
 
 namespace tqlsim {
 namespace {
@@ -32,6 +33,7 @@ std::string CurrentDirectory() {
 // At process exit: the arm keeps its state, and a recording ends with its
 // one-line summary on standard error.
 void OnExit() {
+    StopView();  // before the lock: the view's thread may be waiting for it
     Bus& bus = TheBus();
     std::lock_guard<std::mutex> lock(bus.mutex);
     if (!bus.loaded) return;
@@ -107,6 +109,7 @@ void LoadBus(Bus& bus) {
     }
     bus.loaded = true;
     bus_loaded.store(true);
+    RestartView(bus);
 }
 
 void ArmInterrupts(Bus& bus) {

@@ -98,6 +98,8 @@ struct Config {
     Drive drive;                        // every actuator's drive train ...
     std::map<uint8_t, Drive> drive_per_id;  // ... unless given for one actuator
     std::vector<ScriptedInterrupt> interrupts;  // sim.conf "interrupt_at"
+    int view_port = 0;      // live view's loopback port (sim_view.h), 0 = off
+    std::string view_root;  // its page's files; empty: the installed or built bundle
 
     const Settings& FactorySettings(uint8_t id) const;
     double InitialPosition(uint8_t id) const;

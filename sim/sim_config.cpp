@@ -158,6 +158,18 @@ bool ParseInterrupts(const std::string& text, std::vector<ScriptedInterrupt>* in
     return true;
 }
 
+// The live view's port: 1..65535, or off ("", "0" or "none" = 0).
+bool ParseViewPort(const std::string& value, int* port) {
+    if (value.empty() || value == "none") {
+        *port = 0;
+        return true;
+    }
+    long long v = 0;
+    if (!ParseInteger(value, 0, 65535, &v)) return false;
+    *port = static_cast<int>(v);
+    return true;
+}
+
 // Splits "name.ID" into name and id; id 0 when there is no suffix.
 bool SplitKey(const std::string& key, std::string* name, int* id) {
     const size_t dot = key.find('.');
@@ -223,6 +235,11 @@ bool ApplyKey(ConfigDraft& d, const std::string& key, const std::string& value) 
         return true;
     }
     if (key == "interrupt_at") return ParseInterrupts(value, &c.interrupts);
+    if (key == "view") return ParseViewPort(value, &c.view_port);
+    if (key == "view_root") {
+        c.view_root = value;
+        return true;
+    }
     std::string name;
     int id = 0;
     if (!SplitKey(key, &name, &id)) return false;
@@ -296,6 +313,10 @@ void ApplyEnvironment(ConfigDraft& d) {
     if (const char* v = Env("TQL_SIM_INTERRUPT")) {
         if (!ParseInterrupts(std::string(v) == "none" ? "" : v, &d.config.interrupts))
             std::fprintf(stderr, "sim: ignoring TQL_SIM_INTERRUPT=%s (expected bus seconds >= 0, or none)\n", v);
+    }
+    if (const char* v = Env("TQL_SIM_VIEW")) {
+        if (!ParseViewPort(v, &d.config.view_port))
+            std::fprintf(stderr, "sim: ignoring TQL_SIM_VIEW=%s (expected a port 1..65535, or 0 or none)\n", v);
     }
     if (const char* v = Env("TQL_SIM_NOISE")) {
         double x = 0.0;

@@ -49,7 +49,7 @@ ScratchDir::~ScratchDir() {
 
 int BootSimulatedArm(void (*sleep)(double), std::string* out) {
     setenv("TQL_SIM_CLOCK", "virtual", 1);
-    for (const char* name : {"TQL_SIM_RECORD", "TQL_SIM_FAULT", "TQL_SIM_ACTUATORS"}) unsetenv(name);
+    for (const char* name : {"TQL_SIM_RECORD", "TQL_SIM_FAULT", "TQL_SIM_ACTUATORS", "TQL_SIM_VIEW"}) unsetenv(name);
     tql_sim_reset();
     tql::SetSleepFunction(sleep ? sleep : &tql_sim_sleep);
     tql::SetClockFunction(&tql_sim_now);

@@ -121,7 +121,8 @@ protected:
     void TearDown() override { ClearEnvironment(); }
     static void ClearEnvironment() {
         for (const char* name : {"TQL_SIM_CLOCK", "TQL_SIM_ACTUATORS", "TQL_SIM_RECORD", "TQL_SIM_FAULT",
-                                 "TQL_SIM_NOISE", "TQL_SIM_HAND", "TQL_SIM_URDF", "TQL_SIM_INTERRUPT"})
+                                 "TQL_SIM_NOISE", "TQL_SIM_HAND", "TQL_SIM_URDF", "TQL_SIM_INTERRUPT",
+                                 "TQL_SIM_VIEW", "TQL_SIM_VIEW_ROOT"})
             unsetenv(name);
         tql_sim_reset();
     }
