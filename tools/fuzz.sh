@@ -24,7 +24,7 @@ install_missing() {
   echo "Installing: ${missing[*]}"
   local sudo=""
   [ "$(id -u)" -ne 0 ] && sudo="sudo"
-  $sudo apt-get update -qq
+  $sudo apt-get update -qq || echo "apt-get update was incomplete; installing from the lists it got"
   DEBIAN_FRONTEND=noninteractive $sudo apt-get install -y -qq --no-install-recommends "${missing[@]}" </dev/null
 }
 install_missing build-essential cmake pkg-config clang libsqlite3-dev liborocos-kdl-dev libeigen3-dev liburdfdom-dev

@@ -1,6 +1,9 @@
 #!/usr/bin/env bash
-# Installs what is missing (Debian packages, as root), builds everything with
-# warnings as errors, runs every test, then builds and runs them again under
+# Installs what is missing (Debian packages, as root; the live view's npm
+# packages), builds everything with warnings as errors, runs every test (the
+# Python module and tql-plot, the URDF round trip, the live view in headless
+# Chromium, the installed tree and the Debian packages installed into a scratch
+# root among them), then builds and runs them again under
 # the address and undefined-behaviour sanitizers, the threaded tests under
 # the thread sanitizer, every test again cross-built for the board (32-bit ARM)
 # under qemu-arm, and each fuzz target for 20 s.
@@ -8,8 +11,11 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 
 packages=(build-essential cmake pkg-config libsqlite3-dev libgtest-dev libgmock-dev
-          libbenchmark-dev liborocos-kdl-dev libeigen3-dev liburdfdom-dev)
+          libbenchmark-dev liborocos-kdl-dev libeigen3-dev liburdfdom-dev
+          python3-dev python3-numpy python3-matplotlib pybind11-dev chromium file)
 missing=()
+# Node.js and npm from Debian where the machine has none of its own.
+command -v npm >/dev/null || packages+=(nodejs npm)
 for p in "${packages[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")
 done
@@ -17,8 +23,14 @@ if [ ${#missing[@]} -gt 0 ]; then
   echo "Installing: ${missing[*]}"
   SUDO=""
   [ "$(id -u)" -ne 0 ] && SUDO="sudo"
-  $SUDO apt-get update -qq
+  $SUDO apt-get update -qq || echo "apt-get update was incomplete; installing from the lists it got"
   DEBIAN_FRONTEND=noninteractive $SUDO apt-get install -y -qq --no-install-recommends "${missing[@]}" </dev/null
+fi
+
+# The 3D view's page takes three.js, and its browser test playwright-core,
+# from the npm registry, at the versions web/package-lock.json pins.
+if [ ! -d web/node_modules/three ] || [ ! -d web/node_modules/playwright-core ]; then
+  npm ci --prefix web --no-audit --no-fund </dev/null
 fi
 
 jobs=$(nproc 2>/dev/null || echo 2)
