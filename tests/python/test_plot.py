@@ -12,7 +12,7 @@ matplotlib.use("Agg")
 import matplotlib.image
 
 ROOT = os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "..")
-PLOT = os.path.abspath(os.environ.get("TQL_PLOT", os.path.join(ROOT, "tools", "tql-plot")))
+PLOT = os.path.abspath(os.environ.get("TQL_PLOT", os.path.join(ROOT, "tools", "tql_plot.py")))
 BIN = os.environ.get("TQL_BIN_DIR", "")
 DEMO = os.environ.get("TQL_DEMO_DIR", os.path.join(BIN, "demo"))
 try:
