@@ -1,11 +1,10 @@
-// Fault drills on the simulated bus, through the host: each fault ends the
-// job with its message and exit status 255 (-1), no set-point goes out after
-// the fault, and no file is left half-written.
+// Fault drills on the simulated bus, through the host: each fault, at boot or
+// during the job, ends it with its message and exit status 255 (-1), no
+// set-point goes out after the fault, and no file is left half-written.
 #include <gtest/gtest.h>
 
-#include <dirent.h>
-
 #include <cstdio>
+#include <filesystem>
 #include <fstream>
 #include <sstream>
 #include <string>
@@ -37,10 +36,8 @@ std::vector<double> SetPointTimes(const std::string& csv, int id = 0) {
 // Files named *.part (a write that did not finish) under dir/file.
 int PartFiles(const ScratchDir& dir) {
     int n = 0;
-    if (DIR* d = opendir(dir.File("file").c_str())) {
-        while (dirent* e = readdir(d)) n += std::string(e->d_name).find(".part") != std::string::npos;
-        closedir(d);
-    }
+    for (const auto& e : std::filesystem::directory_iterator(dir.File("file")))
+        n += e.path().filename().string().find(".part") != std::string::npos;
     return n;
 }
 
@@ -60,7 +57,6 @@ TEST(FaultDrill, EachFaultEndsTheJobWithItsMessageAndNothingAfterIt) {
         {"actuator stops answering", "mode4", {{"TQL_SIM_FAULT", "error:2:0x801:time:2.25"}}, "ID 2 error : 801\n",
          2.25},
         {"operator's Ctrl-C", "mode4", {{"TQL_SIM_INTERRUPT", "3.013"}}, "", 3.013},
-        {"enable failure", "mode4", {{"TQL_SIM_FAULT", "enable_failure"}}, "Enable failure", -1},
         {"save failure", "reset", {{"TQL_SIM_FAULT", "save_failure"}}, "Save parameters failed!\n", -1},
         // The identification run stopped half-way: nothing is written.
         {"Ctrl-C while recording", "admin", {{"TQL_SIM_INTERRUPT", "20"}}, "", 20},
@@ -90,13 +86,38 @@ TEST(FaultDrill, EachFaultEndsTheJobWithItsMessageAndNothingAfterIt) {
     }
 }
 
-// The database disappears between two runs: the second refuses to boot.
-TEST(FaultDrill, DatabaseGoneBetweenRuns) {
-    ScratchDir dir(false);
-    ASSERT_EQ(tqltest::RunHost(dir.path(), {"mode4"}, "1\nCYCLE\nNO\n").exit_code, 0);
-    std::remove(dir.File("parameter.db").c_str());
-    const HostRun run = tqltest::RunHost(dir.path(), {"mode4"}, "1\nCYCLE\nNO\n", {{"TQL_SIM_RECORD", "rec.csv"}});
-    EXPECT_EQ(run.exit_code, 255);
-    EXPECT_NE(run.out.find("Load parameters error!\n"), std::string::npos) << run.out;
-    EXPECT_NE(run.err.find("sim: 0 commands, 0 beyond limits"), std::string::npos) << run.err;
+// Each boot failure is reported once, sends nothing beyond enabling (the
+// recording's summary) and exits with 255; a vanished database as well.
+TEST(FaultDrill, BootFailures) {
+    const struct {
+        const char* mode;
+        tqltest::EnvList env;
+        const char* sql;  // run on the database first; "" removes it
+        std::string out, absent, err;  // printed once on standard output (and not `absent`), on standard error
+    } cases[] = {
+        {"mode1", {{"TQL_SIM_ACTUATORS", "0"}}, nullptr,
+         "Operation done successfully\nID error,Current id size = 00-1: ID error,Current id size = 0.\n", "Robot num",
+         "sim: 0 commands, 0 beyond limits\n"},
+        {"mode2", {{"TQL_SIM_ACTUATORS", "7"}}, nullptr, " ID size = 7 > 6\n", "Enable ... ",
+         "sim: 0 commands, 0 beyond limits\n"},
+        {"mode4", {{"TQL_SIM_FAULT", "enable_failure"}}, nullptr, "Enable ... \nEnable failure.\n",
+         "Enable robot successfully.", "sim: 6 commands, 0 beyond limits\n"},
+        {"reset", {}, "UPDATE system_parameters SET VALUE='GL_9X' WHERE ID=1;",
+         "MECHNIACL ERROR !\nThe 'GL_9X' is invalid. \nLoad parameters error!\n", "Robot num",
+         "sim: 0 commands, 0 beyond limits\n"},
+        {"calibrate", {}, "", "Load parameters error!\n", "Robot num",
+         "Can't open database: unable to open database file\nsim: 0 commands, 0 beyond limits\n"},
+    };
+    for (const auto& c : cases) {
+        ScratchDir dir(false);
+        const std::string db = dir.File("parameter.db");
+        ASSERT_TRUE(c.sql == nullptr || (*c.sql ? tqltest::ExecSql(db, c.sql) : std::remove(db.c_str()) == 0));
+        tqltest::EnvList env = c.env;
+        env.push_back({"TQL_SIM_RECORD", "rec.csv"});
+        const HostRun run = tqltest::RunHost(dir.path(), {c.mode}, "", env);
+        EXPECT_EQ(run.exit_code, 255) << c.mode;
+        EXPECT_EQ(tqltest::CountOf(run.out, c.out), 1) << run.out;
+        EXPECT_EQ(run.out.find(c.absent), std::string::npos) << run.out;
+        EXPECT_NE(run.err.find(c.err), std::string::npos) << run.err;
+    }
 }

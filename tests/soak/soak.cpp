@@ -19,16 +19,15 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <cmath>
-#include <condition_variable>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <iostream>
-#include <mutex>
 #include <random>
 #include <streambuf>
 #include <string>
@@ -72,8 +71,6 @@ const char* const kRefusals[] = {
     "Program exit!",
 };
 
-// ---------------------------------------------------------------- dice
-
 class Dice {
 public:
     // 64-bit on every target: the board's long is 32 bits wide.
@@ -103,18 +100,9 @@ std::string List(const Joints& q) {
     return s;
 }
 
-// ---------------------------------------------------------------- cases
-
 enum class Job { kCycle, kBlended, kStep, kReplay };
-
-const char* JobName(Job job) {
-    switch (job) {
-    case Job::kCycle: return "CYCLE";
-    case Job::kBlended: return "CYCLE blended";
-    case Job::kStep: return "STEP";
-    default: return "replay";
-    }
-}
+const char* const kJobNames[] = {"CYCLE", "CYCLE blended", "STEP", "replay"};
+const char* JobName(Job job) { return kJobNames[static_cast<int>(job)]; }
 
 struct Case {
     long index = 0;
@@ -136,7 +124,7 @@ std::vector<double> Pose(const Joints& q) {
 }
 
 double Distance(const std::vector<double>& a, const std::vector<double>& b) {
-    return std::sqrt((a[0] - b[0]) * (a[0] - b[0]) + (a[1] - b[1]) * (a[1] - b[1]) + (a[2] - b[2]) * (a[2] - b[2]));
+    return std::hypot(a[0] - b[0], a[1] - b[1], a[2] - b[2]);
 }
 
 // Random program lines from where the arm stands.
@@ -148,7 +136,7 @@ public:
         std::string text = "// soak program\n";
         for (int i = 0; i < moves; ++i) {
             const int kind = i == 0 && d_.Chance(0.9) ? 0 : d_.Int(0, 19);
-            text += kind < 8 ? MoveJ() : kind < 15 ? MoveL() : MoveC();
+            text += Move(kind < 8 ? 0 : kind < 15 ? 1 : 2);
             if (d_.Chance(0.1)) text += "TIMER T=" + std::to_string(d_.Int(0, 500)) + "\n";
             if (d_.Chance(0.05)) text += std::string("DOUT 1 ") + (d_.Chance(0.5) ? "ON" : "OFF") + "\n";
             if (d_.Chance(0.05)) text += "// note\n";
@@ -201,22 +189,6 @@ private:
         if (d_.Chance(0.01)) return 0;
         return std::min(hi, std::max(d_.Int(lo, hi), static_cast<int>(std::ceil(needed))));
     }
-    std::string MoveJ() {
-        const Joints to = Target(false);
-        double needed = 0;
-        for (int j = 0; j < 6; ++j)
-            needed = std::max(needed, 100 * std::fabs(to[j] - at_[j]) / (kJointSpeed[j] * ov_ * kMoveSeconds));
-        const std::string line = "MOVJ VJ=" + std::to_string(Speed(1, 150, needed)) + Zone() + List(to) + "\n";
-        at_ = to;
-        return line;
-    }
-    std::string MoveL() {
-        const Joints to = Target(true);
-        const double needed = Distance(Pose(at_), Pose(to)) / (ov_ * kMoveSeconds);
-        const std::string line = "MOVL V=" + std::to_string(Speed(1, 400, needed)) + Zone() + List(to) + "\n";
-        at_ = to;
-        return line;
-    }
     // The arc's middle: near the joint-space midpoint, or (a third of the
     // time) nearly on the chord, off it by 1e-7 .. 3 mm.
     Joints Middle(const Joints& to) {
@@ -237,12 +209,18 @@ private:
         for (double& v : q) v /= kDeg;
         return q;
     }
-    std::string MoveC() {
-        const Joints to = Target(true);
-        const Joints mid = Middle(to);
-        const double needed = 1.6 * Distance(Pose(at_), Pose(to)) / (ov_ * kMoveSeconds);
+    // MOVJ (kind 0: VJ in %), MOVL (1) or MOVC (2: an arc of up to 1.6 chords; V in mm/s).
+    std::string Move(int kind) {
+        const Joints to = Target(kind > 0);
+        std::string points = List(to);
+        double needed = 0;
+        for (int j = 0; j < 6 && kind == 0; ++j)
+            needed = std::max(needed, 100 * std::fabs(to[j] - at_[j]) / (kJointSpeed[j] * ov_ * kMoveSeconds));
+        if (kind == 2) points = List(Middle(to)) + "," + points;
+        if (kind > 0) needed = (kind == 2 ? 1.6 : 1.0) * Distance(Pose(at_), Pose(to)) / (ov_ * kMoveSeconds);
+        const char* const head[] = {"MOVJ VJ=", "MOVL V=", "MOVC V="};
         const std::string line =
-            "MOVC V=" + std::to_string(Speed(1, 400, needed)) + Zone() + List(mid) + "," + List(to) + "\n";
+            head[kind] + std::to_string(Speed(1, kind == 0 ? 150 : 400, needed)) + Zone() + points + "\n";
         at_ = to;
         return line;
     }
@@ -313,8 +291,6 @@ Case MakeCase(Dice& d, long index, const Joints& start) {
     }
     return c;
 }
-
-// ---------------------------------------------------------------- running
 
 // Standard input of a STEP walk: one word per line; notes the set-points
 // sent when each word is asked for.
@@ -422,10 +398,8 @@ std::string Judge(const Case& c, const Outcome& o, bool* accepted) {
     return "";
 }
 
-// ---------------------------------------------------------------- reports
-
-int report_fd = 2;          // the process's own standard error, never captured
-const char* crash_note = "";  // the running case, for a crash report
+int report_fd = 2;                        // the process's own standard error, never captured
+std::atomic<const char*> crash_note{""};  // the running case, for a crash or hang report
 
 // Plain write(2) calls: also used from a signal handler.
 void WriteReport(const char* text, size_t size) {
@@ -491,52 +465,20 @@ void ReportCrashes() {
     for (int s : {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGABRT}) sigaction(s, &ours, &crash_handlers[s]);
 }
 
-// Ends the process when a case runs longer than its wall-time limit.
-class Watchdog {
-public:
-    explicit Watchdog(double limit_s) : limit_(limit_s), thread_([this] { Watch(); }) {}
-    ~Watchdog() {
-        {
-            std::lock_guard<std::mutex> lock(mutex_);
-            quit_ = true;
-        }
-        wake_.notify_all();
-        thread_.join();
+// Ends the process when a case runs past its wall-time deadline: a thread of
+// its own looks every 200 ms, whatever the case's threads are doing.
+std::atomic<double> deadline{0.0};  // steady-clock seconds; 0: no case running
+double WallNow() { return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch()).count(); }
+void Watch(double limit_s) {
+    for (;; std::this_thread::sleep_for(std::chrono::milliseconds(200))) {
+        const double due = deadline.load();
+        if (due <= 0 || WallNow() <= due) continue;
+        const std::string report =
+            "soak: violation, no end after " + Number(limit_s) + " s of wall time in\n" + crash_note.load();
+        WriteReport(report.c_str(), report.size());
+        _exit(3);
     }
-    void Arm(const std::string& note) {
-        std::lock_guard<std::mutex> lock(mutex_);
-        note_ = note;
-        started_ = std::chrono::steady_clock::now();
-        armed_ = true;
-    }
-    void Disarm() {
-        std::lock_guard<std::mutex> lock(mutex_);
-        armed_ = false;
-    }
-
-private:
-    void Watch() {
-        std::unique_lock<std::mutex> lock(mutex_);
-        while (!wake_.wait_for(lock, std::chrono::milliseconds(200), [this] { return quit_; })) {
-            if (armed_ && std::chrono::steady_clock::now() - started_ > limit_) {
-                const std::string report =
-                    "soak: violation, no end after " + Number(limit_.count()) + " s of wall time in\n" + note_;
-                WriteReport(report.c_str(), report.size());
-                _exit(3);
-            }
-        }
-    }
-
-    std::chrono::duration<double> limit_;
-    std::mutex mutex_;
-    std::condition_variable wake_;
-    bool quit_ = false, armed_ = false;
-    std::string note_;
-    std::chrono::steady_clock::time_point started_;
-    std::thread thread_;
-};
-
-// ---------------------------------------------------------------- main
+}
 
 struct Options {
     long runs = 300;
@@ -567,10 +509,6 @@ bool Parse(int argc, char** argv, Options* o) {
     return true;
 }
 
-struct Tally {
-    long runs = 0, accepted = 0, refused = 0, violations = 0;
-};
-
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -584,15 +522,20 @@ int main(int argc, char** argv) {
     for (const char* name : {"TQL_SIM_INTERRUPT", "TQL_SIM_HAND", "TQL_SIM_URDF", "TQL_SIM_NOISE"}) unsetenv(name);
     const fs::path launch_dir = fs::current_path();
     tqltest::ScratchDir dir;
-    Watchdog watchdog(opt.timeout_s);
-    Tally t;
+    std::thread(Watch, opt.timeout_s).detach();
+    std::string note;
+    auto watch = [&](const std::string& text) {  // (re)starts the case's wall-time limit
+        crash_note = "";
+        note = text;
+        crash_note = note.c_str();
+        deadline = WallNow() + opt.timeout_s;
+    };
+    long runs = 0, accepted_runs = 0, refused_runs = 0, violations = 0;
     const long first = opt.only_case >= 0 ? opt.only_case : 0;
     const long last = opt.only_case >= 0 ? opt.only_case + 1 : opt.runs;
-    for (long k = first; k < last; ++k) {
+    for (long k = first; k < last; ++k, ++runs) {
         const std::string head = "  seed " + std::to_string(opt.seed) + " case " + std::to_string(k) + "\n";
-        std::string note = head + "  (booting)\n";
-        crash_note = note.c_str();
-        watchdog.Arm(note);
+        watch(head + "  (booting)\n");
         Dice dice(opt.seed, k);
         const Joints start = StartPose(dice);
         const std::string boot = BootFresh(start);
@@ -601,33 +544,25 @@ int main(int argc, char** argv) {
             c = MakeCase(dice, k, start);
             return 0;
         });
-        crash_note = "";
-        note = head + Describe(opt.seed, c, "");
-        crash_note = note.c_str();
-        watchdog.Arm(note);
+        watch(head + Describe(opt.seed, c, ""));
         Outcome o;
         bool accepted = false;
         if (boot.empty()) Run(c, &o);
         const std::string why =
             boot.empty() ? Judge(c, o, &accepted) : "no boot with the pre-flight on at the power-up pose: " + boot;
-        watchdog.Disarm();
-        ++t.runs;
-        if (!why.empty()) {
-            ++t.violations;
-            ReportViolation(opt.seed, c, o, why, launch_dir);
-        } else {
-            ++(accepted ? t.accepted : t.refused);
-        }
+        deadline = 0;
+        if (!why.empty()) ++violations, ReportViolation(opt.seed, c, o, why, launch_dir);
+        else ++(accepted ? accepted_runs : refused_runs);
         if (opt.only_case >= 0 && why.empty())  // a case repeated alone is shown whole
             std::printf("%s  result %d, %ld set-points; output (end):\n%s\n", note.c_str(), o.result, o.sent,
                         Tail(o.out, 25).c_str());
         if (opt.list)
             std::printf("case %ld %s %.3f: %d %s %s\n", k, JobName(c.job), c.override_, o.result,
                         accepted ? "accepted" : "refused", KnownRefusal(o.out).c_str());
-        crash_note = "";
     }
+    crash_note = "";
     tqltest::RestoreRealTime();
-    std::printf("soak: %ld runs, %ld accepted, %ld refused before motion, %ld violations\n", t.runs, t.accepted,
-                t.refused, t.violations);
-    return t.violations > 0 ? 1 : 0;
+    std::printf("soak: %ld runs, %ld accepted, %ld refused before motion, %ld violations\n", runs, accepted_runs,
+                refused_runs, violations);
+    return violations > 0 ? 1 : 0;
 }

@@ -130,27 +130,6 @@ TEST_F(RobotOnBus, ErrorsAndRefusedStepsStopTheSetPointLoop) {
     EXPECT_EQ(tql_sim_beyond_limit_count(), 0);
 }
 
-TEST_F(RobotOnBus, BringUpFailures) {
-    // Boots on the bus as the fault left it (no reset in between).
-    auto boot = [](std::string* out) {
-        int r = 0;
-        tqltest::Stderr([&] { r = tqltest::Quiet([] { return Boot(); }, out); });
-        return r;
-    };
-    tql_sim_set_enable_failure(1);
-    std::string out;
-    EXPECT_EQ(boot(&out), -1);
-    EXPECT_NE(out.find("Enable ... \nEnable failure.\n"), std::string::npos) << out;
-    EXPECT_EQ(out.find("Enable robot successfully."), std::string::npos);
-    // An empty bus: the error record holds the description.
-    tql_sim_reset();
-    tql_sim_set_no_actuators(1);
-    EXPECT_EQ(boot(&out), -1);
-    EXPECT_FALSE(GetSystemStatus());
-    EXPECT_NE(out.find("ID error,Current id size = 00-1: ID error,Current id size = 0.\n"), std::string::npos) << out;
-    SetSystemStatus(true);
-}
-
 TEST_F(RobotOnBus, InitRobotWithoutDatabase) {
     LinkUnit units[6];
     for (int i = 0; i < 6; ++i) ASSERT_EQ(units[i].InitActuator(static_cast<unsigned char>(i + 1), 9), 0);

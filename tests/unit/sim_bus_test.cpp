@@ -19,7 +19,7 @@ using tqltest::ReadFile;
 using tqltest::WriteFile;
 using SimBus = tqltest::SimBusTest;
 
-// Other bus sizes and failed enabling, as the robot's boot sees them: robot_test, entry_test.
+// Other bus sizes and failed enabling, as the robot's boot sees them: fault_drill_test.
 TEST_F(SimBus, DiscoveryFromDefaultsEnvironmentAndConfiguration) {
     EXPECT_TRUE(Ctl()->getActuatorIdArray().empty()) << "nothing is known before a lookup";
     Actuator::ErrorsDefine ec = Actuator::ERR_UNKOWN;
@@ -195,8 +195,6 @@ TEST_F(SimBus, ProcessExitWritesStateAndOneSummaryLine) {
     EXPECT_DOUBLE_EQ(Ctl()->getPosition(6, true), 17.0) << "the set-point stops at the limit";
 }
 
-// Two threads each sleeping 250 periods in lock step advance the bus by 250
-// periods, not 500; a later sleep resumes from the bus clock.
 // Two threads sleeping one period per loop run in lockstep: the bus clock a
 // thread reads after each of its sleeps steps by exactly that period (the
 // other thread never runs ahead of it), and ends at the later thread's wake.
@@ -225,10 +223,10 @@ TEST_F(SimBus, VirtualClockRunsSleepingThreadsInLockstep) {
 
 volatile sig_atomic_t interrupts_seen = 0;
 
-// Each listed time raises SIGINT once, at the first bus call at or after it
-// (a sleep that wakes at or after it counts):
-// from sim.conf, TQL_SIM_INTERRUPT (which wins) or the control function; bad
-// lists are reported and ignored; every reset arms the times again.
+// Each listed time (from sim.conf, TQL_SIM_INTERRUPT, which wins, or the
+// control function) raises SIGINT once, at the first bus call at or after it (a
+// sleep that wakes at or after it counts); bad lists are reported and ignored;
+// every reset arms the times again.
 TEST_F(SimBus, ScriptedCtrlCArrivesOncePerListedTime) {
     struct Restore {  // nothing is armed any more when the previous disposition returns
         std::string conf;

@@ -138,21 +138,16 @@ protected:
         SetReplayOverride(1.0);
         tqltest::SimulatedArmTest::TearDown();
     }
-    // The demo trajectory (1000 samples), in radians.
-    std::vector<double> DemoSamples(int* rows) {
-        std::vector<double> q(static_cast<size_t>(kMaxTrajectoryRows) * 6);
-        EXPECT_EQ(GetMatrixFromFile("file/trajectory.txt", q.data(), kMaxTrajectoryRows, 6, rows), 0);
-        for (double& v : q) v *= kProgramDegreeToRadian;
-        return q;
-    }
 };
 
 }  // namespace
 
 TEST_F(Replay, SamplesGoOutUnchangedAndTheOverrideStretchesThePeriod) {
-    int rows = 0;
-    std::vector<double> q = DemoSamples(&rows);
+    int rows = 0;  // the demo trajectory, in radians
+    std::vector<double> q(static_cast<size_t>(kMaxTrajectoryRows) * 6);
+    ASSERT_EQ(GetMatrixFromFile("file/trajectory.txt", q.data(), kMaxTrajectoryRows, 6, &rows), 0);
     ASSERT_EQ(rows, 1000);
+    for (double& v : q) v *= kProgramDegreeToRadian;
     for (double ov : {1.0, 0.5}) {
         SetReplayOverride(ov);
         ASSERT_EQ(SetSpeedOverride(), 0);
