@@ -56,11 +56,11 @@ run_suite build/ci -DTQL_BUILD_BENCH=ON
 stage "address + undefined-behaviour sanitizers"
 ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
   run_suite build/asan -DTQL_SANITIZE=ON -DCMAKE_BUILD_TYPE=Debug
-stage "thread sanitizer: the threaded tests (drag teaching, monitoring)"
+stage "thread sanitizer: the threaded tests (drag teaching, monitoring, the live view's server)"
 cmake -S . -B build/tsan -DTQL_WERROR=ON -DTQL_TSAN=ON >/dev/null
-cmake --build build/tsan -j"$jobs" --target drag_teach_test teach_test
+cmake --build build/tsan -j"$jobs" --target drag_teach_test teach_test sim_view_test
 TSAN_OPTIONS=halt_on_error=1 ctest --test-dir build/tsan --output-on-failure -j"$jobs" --timeout 600 \
-  -R '^(DragTeach|Teaching)\.' </dev/null
+  -R '^(DragTeach|Teaching|SimView)\.' </dev/null
 stage "the board: 32-bit ARM cross build, every test under qemu-arm"
 tools/cross-build.sh
 stage "fuzzing: every target 20 s"
