@@ -127,13 +127,12 @@ std::string WithLibraryText(std::string message, const std::string& library) {
 
 // ---- kinematics
 
-// Database order (d1, a2, a3, d4, d5, d6) to the kinematics' order
-// (d1, d4, d5, d6, a2, a3), millimetres.
+// Database order (d1, a2, a3, d4, d5, d6) to the kinematics' geometry vector, mm.
 void KinematicsLengths(const py::handle& L, double out[6]) {
-    const Array a = Vector(L, 6, "L");
-    const double* v = a.data();
-    const double reordered[6] = {v[0], v[3], v[4], v[5], v[1], v[2]};
-    std::copy(reordered, reordered + 6, out);
+    const Array lengths = Vector(L, 6, "L");
+    double a[6], d[6];
+    ModifiedDhFromLengths(lengths.data(), a, d);
+    GeometryFromDh(a, d, out);
 }
 
 Array FkUr(const py::handle& q_in, const py::handle& L_in) {

@@ -76,12 +76,12 @@ bool IkInputFinite(double T[4][4], const double* L) {
 
 // Geometry vector of a six-joint robot from its joints' (alpha, 0, a, d).
 void GeometryFromLinks(const Robot& robot, double L[6]) {
-    L[0] = robot.link_[0].mdh_[3];  // d1
-    L[1] = robot.link_[3].mdh_[3];  // d4
-    L[2] = robot.link_[4].mdh_[3];  // d5
-    L[3] = robot.link_[5].mdh_[3];  // d6
-    L[4] = robot.link_[2].mdh_[2];  // a2
-    L[5] = robot.link_[3].mdh_[2];  // a3
+    double a[6], d[6];
+    for (int i = 0; i < 6; ++i) {
+        a[i] = robot.link_[i].mdh_[2];
+        d[i] = robot.link_[i].mdh_[3];
+    }
+    GeometryFromDh(a, d, L);
 }
 
 // Kinematics serve the six-joint types 1..4 only.
@@ -229,4 +229,19 @@ int Robot::InverseKinematics(double* q, double* pose) {
     double T[4][4];
     UnitQuaternionToMatrix(T, pose);
     return ik_ur(q, T, L) < 0 ? -1 : 0;
+}
+
+void ModifiedDhFromLengths(const double* lengths, double* a, double* d) {
+    for (int i = 0; i < 6; ++i) a[i] = d[i] = 0.0;
+    d[0] = lengths[0];
+    a[2] = lengths[1];
+    a[3] = lengths[2];
+    d[3] = lengths[3];
+    d[4] = lengths[4];
+    d[5] = lengths[5];
+}
+
+void GeometryFromDh(const double* a, const double* d, double* L) {
+    const double geometry[6] = {d[0], d[3], d[4], d[5], a[2], a[3]};
+    for (int i = 0; i < 6; ++i) L[i] = geometry[i];
 }

@@ -27,6 +27,14 @@ constexpr int kIkElbowSingular = -4;     // target on the reach boundary, arm st
 constexpr int kIkOutOfReach = -5;        // target beyond reach of the two arm links
 constexpr int kIkInvalidInput = -6;      // non-finite target or geometry, or no finite solution
 
+// Row 12 of a six-joint robot type holds the arm's lengths d1, a2, a3, d4, d5,
+// d6. This places them in the joints' modified-DH values, joint 1 first:
+// a = (0, 0, a2, a3, 0, 0), d = (d1, 0, 0, d4, d5, d6), units as given.
+void ModifiedDhFromLengths(const double* lengths, double* a, double* d);
+// The geometry vector fk_ur and ik_ur take, L = (d1, d4, d5, d6, a2, a3),
+// from the joints' modified-DH a[6] and d[6].
+void GeometryFromDh(const double* a, const double* d, double* L);
+
 // Flange pose T for joint angles q and geometry L.
 void fk_ur(const double* q, double T[4][4], const double* L);
 

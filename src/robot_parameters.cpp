@@ -4,6 +4,7 @@
 #include <iostream>
 
 #include "database.h"
+#include "kinematics.h"
 #include "mechnical_unit.h"
 
 namespace {
@@ -70,14 +71,8 @@ int Robot::GetParametersFromDatabase() {
     double d[kMaxJointNum] = {};
     if (robot_type_ >= 1 && robot_type_ <= 4) {
         const double twist[6] = {0, 1.5707963, 0, -1.5707963, 0, 0};
-        const double* len = rd->kinematic_lengths;
         for (int i = 0; i < 6; ++i) alpha[i] = twist[i];
-        d[0] = len[0];
-        d[3] = len[3];
-        d[4] = len[4];
-        d[5] = len[5];
-        a[2] = len[1];
-        a[3] = len[2];
+        ModifiedDhFromLengths(rd->kinematic_lengths, a, d);
     }
 
     if (id_count != joint_num_) {

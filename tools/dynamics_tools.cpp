@@ -8,6 +8,7 @@
 #include <memory>
 
 #include "database.h"
+#include "kinematics.h"
 #include "mechnical_unit.h"
 
 namespace tqltools {
@@ -118,13 +119,12 @@ bool LoadArmModel(const std::string& db_path, ArmModel* model, std::string* erro
         joint.InitActuator(static_cast<unsigned char>(i + 1), kDynamicsActuatorType);
         m.kt[i] = joint.kt_;
     }
-    // Lengths d1, a2, a3, d4, d5, d6 (mm) in the joints' modified-DH places.
-    m.d[0] = lengths[0] / 1000.0;
-    m.a[2] = lengths[1] / 1000.0;
-    m.a[3] = lengths[2] / 1000.0;
-    m.d[3] = lengths[3] / 1000.0;
-    m.d[4] = lengths[4] / 1000.0;
-    m.d[5] = lengths[5] / 1000.0;
+    // Lengths d1, a2, a3, d4, d5, d6 (mm) in the joints' modified-DH places, in m.
+    ModifiedDhFromLengths(lengths, m.a, m.d);
+    for (int i = 0; i < kJoints; ++i) {
+        m.a[i] /= 1000.0;
+        m.d[i] /= 1000.0;
+    }
     *model = m;
     return true;
 }

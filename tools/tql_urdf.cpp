@@ -39,6 +39,7 @@
 #include <vector>
 
 #include "dynamics.h"
+#include "kinematics.h"
 
 namespace {
 
@@ -514,12 +515,11 @@ int main(int argc, char** argv) {
             return Fail("table " + db.type + ": joint " + std::to_string(i + 1) +
                         " needs a positive speed limit (row 1) and a direction of 1 or -1 (row 11)");
     Geometry g;  // row 12: d1, a2, a3, d4, d5, d6 in mm
-    g.d[0] = lengths[0] / 1000.0;
-    g.a[2] = lengths[1] / 1000.0;
-    g.a[3] = lengths[2] / 1000.0;
-    g.d[3] = lengths[3] / 1000.0;
-    g.d[4] = lengths[4] / 1000.0;
-    g.d[5] = lengths[5] / 1000.0;
+    ModifiedDhFromLengths(lengths.data(), g.a, g.d);
+    for (int i = 0; i < kJoints; ++i) {
+        g.a[i] /= 1000.0;
+        g.d[i] /= 1000.0;
+    }
 
     // Row 13: 36 base parameters, optionally 12 friction coefficients.
     // Anything shorter, or all zeros, is no dynamic model.
