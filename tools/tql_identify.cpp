@@ -12,6 +12,21 @@
 // low-pass that keeps the first kFitHarmonics harmonics). Currents times the
 // joints' torque constants are the torques. The stacked regressor is solved
 // by least squares.
+//
+// Least squares always returns numbers, identified or not, and row 13 feeds
+// the controller's torque feed-forward, so a fit is refused (diagnosis on
+// standard error, exit status 255, database untouched; without --write the
+// fit is still printed) unless
+//   - every joint's position spans at least kMinPositionSpread (0.05 rad) over
+//     the file: an arm that did not move excites nothing;
+//   - the condition number of the stacked regressor is finite and at most
+//     kMaxConditionNumber (1e4);
+//   - the relative RMS residual |W x - y| / |y| is finite and at most
+//     kMaxRelativeResidual (25 %);
+//   - each of the 48 identified values is finite and at most
+//     kMaxParameterMagnitude (1e3) in magnitude.
+// Exit status 1: a file or database cannot be read or written; 2: usage.
+#include <algorithm>
 #include <array>
 #include <cmath>
 #include <cstdio>
@@ -34,6 +49,36 @@ constexpr int kPeriodSamples = kExcitationSamples - 1;  // records per repetitio
 constexpr double kSamplePeriod = 0.004;                 // s
 // Harmonics kept by the zero-phase fit: twice the excitation's own.
 constexpr int kFitHarmonics = 2 * kExcitationHarmonics;
+
+// Bounds of an identified fit. The demo excitation recorded on the simulated
+// arm (16 periods, speed override 1 or 0.3, another tql-excite seed) gives a
+// condition number of 120 to 122, a relative residual of 1.1 to 2.1 %, base
+// parameters up to 0.94 and friction up to 0.40, with every joint spanning
+// 1.75 to 3.0 rad; each bound leaves a wide margin over those.
+//
+// A torque error reaches the parameters amplified by up to the condition
+// number. tql-excite's designs reach about 120; past 1e4 (80 times that) some
+// parameter combination is barely excited and its value is set by noise. The
+// Gram-matrix estimate of ConditionNumber is accurate far past this bound,
+// and an exactly singular stack gives inf.
+constexpr double kMaxConditionNumber = 1e4;
+// A model that leaves a quarter of the recorded torque unexplained (12 to 22
+// times the demo's residual) is fitting something else: wrong torque
+// constants or geometry in the database, a foreign file, a collision,
+// currents that do not belong to the motion.
+constexpr double kMaxRelativeResidual = 0.25;
+// The base parameters regroup link masses (kg), first moments (kg*m) and
+// inertias (kg*m^2) of an arm with sub-metre links and at most tens of kg
+// (the demo arm: under 10 kg, links up to 0.25 m), plus reflected rotor inertia:
+// O(1). Friction, N*m*s/rad and N*m, is bounded by the torques the joints
+// deliver. 1e3 is three orders above what the demo identifies and beyond any
+// arm this controller drives; larger values are the signature of a
+// near-singular or corrupted fit.
+constexpr double kMaxParameterMagnitude = 1e3;
+// The excitation swings every joint by radians; a joint spanning less than
+// 0.05 rad (3 degrees, 35 times below the demo's smallest span) over the
+// whole file did not run it: the arm was held, off or not commanded.
+constexpr double kMinPositionSpread = 0.05;  // rad
 
 struct Record {
     double current[kJoints], velocity[kJoints], position[kJoints];
@@ -174,25 +219,112 @@ double Report(const char* title, const Eigen::MatrixXd& W, const Eigen::VectorXd
     return relative;
 }
 
+// Three significant digits, exponents without '+' and leading zeros ("1e4",
+// "6.4e295"), and "nan" and "inf" spelled alike on every C library.
+std::string Num(double v) {
+    if (std::isnan(v)) return "nan";
+    char buf[32];
+    std::snprintf(buf, sizeof buf, "%.3g", v);
+    std::string s = buf;
+    const size_t e = s.find('e');
+    if (e != std::string::npos) {
+        size_t digits = e + 1;
+        if (s[digits] == '+') s.erase(digits, 1);
+        else if (s[digits] == '-') ++digits;
+        while (s[digits] == '0' && digits + 1 < s.size()) s.erase(digits, 1);
+    }
+    return s;
+}
+
 int Usage() {
     std::fprintf(stderr,
                  "usage: tql-identify FILE [--db parameter.db] [--write parameter.db] [--validate FILE2]\n"
                  "  FILE       excitation output of 'tql admin' (file/excitation_output.txt)\n"
                  "  --db       database describing the arm (default: parameter.db)\n"
                  "  --write    store the result in row 13 of the robot type's table of that database\n"
-                 "  --validate predict the torques of another run with the result\n");
+                 "  --validate predict the torques of another run with the result\n"
+                 "A fit is refused (exit status 255, nothing written) unless every joint's position\n"
+                 "spans at least %.2g rad, the stacked regressor's condition number is at most %s,\n"
+                 "the relative RMS residual at most %.0f %% and every identified value finite and\n"
+                 "at most %s in magnitude.\n",
+                 kMinPositionSpread, Num(kMaxConditionNumber).c_str(), 100.0 * kMaxRelativeResidual,
+                 Num(kMaxParameterMagnitude).c_str());
     return 2;
 }
 
-bool Load(const std::string& path, const ArmModel& model, Eigen::MatrixXd* W, Eigen::VectorXd* y) {
+// Reads and stacks one run; *spread (if given) receives each joint's position
+// range over the file, rad.
+bool Load(const std::string& path, const ArmModel& model, Eigen::MatrixXd* W, Eigen::VectorXd* y,
+          double* spread = nullptr) {
     std::vector<Record> records;
     std::string error;
     if (!ReadRecords(path, &records, &error)) {
         std::fprintf(stderr, "tql-identify: %s\n", error.c_str());
         return false;
     }
+    for (int j = 0; spread != nullptr && j < kJoints; ++j) {
+        double lo = records[0].position[j], hi = lo;
+        for (const Record& r : records) lo = std::min(lo, r.position[j]), hi = std::max(hi, r.position[j]);
+        spread[j] = hi - lo;
+    }
     Stack(Prepare(records, model), model, W, y);
     return true;
+}
+
+std::string ValueName(int c) {
+    if (c < kBaseParameterNum) return "base parameter " + std::to_string(c + 1);
+    const int j = (c - kBaseParameterNum) % kJoints + 1;
+    return (c < kBaseParameterNum + kJoints ? "viscous friction of joint " : "Coulomb friction of joint ") +
+           std::to_string(j);
+}
+
+// Why the fit is not an identification; empty when it is.
+std::vector<std::string> Diagnose(const double* spread, double cond, double residual, const Eigen::VectorXd& x) {
+    std::vector<std::string> why;
+    std::string still;
+    int still_count = 0;
+    double least = INFINITY;
+    for (int j = 0; j < kJoints; ++j) {
+        if (spread[j] >= kMinPositionSpread) continue;
+        still += (still_count++ == 0 ? "" : " ") + std::to_string(j + 1);
+        least = std::min(least, spread[j]);
+    }
+    if (still_count > 0) {
+        why.push_back((still_count > 1 ? "joints " : "joint ") + still + " moved less than " +
+                      Num(kMinPositionSpread) + " rad over the recording (least " + Num(least) +
+                      " rad): the arm did not run the excitation");
+    }
+    if (!(cond <= kMaxConditionNumber)) {
+        why.push_back("condition number " + Num(cond) + " (at most " + Num(kMaxConditionNumber) +
+                      "): the recorded motion does not excite every parameter");
+    }
+    if (!std::isfinite(residual)) {
+        why.push_back("relative RMS residual " + Num(residual) +
+                      " (not finite): the recorded currents are all zero or overflow");
+    } else if (residual > kMaxRelativeResidual) {
+        why.push_back("relative RMS residual " + Num(100.0 * residual) + " % (at most " +
+                      Num(100.0 * kMaxRelativeResidual) + " %): the model does not explain the recorded torques");
+    }
+    int infinite = 0, large = 0, first_infinite = -1, largest = -1;
+    for (int c = 0; c < kIdentifiedColumns; ++c) {
+        if (!std::isfinite(x(c))) {
+            if (infinite++ == 0) first_infinite = c;
+        } else if (std::fabs(x(c)) > kMaxParameterMagnitude) {
+            ++large;
+            if (largest < 0 || std::fabs(x(c)) > std::fabs(x(largest))) largest = c;
+        }
+    }
+    if (infinite > 0) {
+        why.push_back(std::to_string(infinite) + " of " + std::to_string(kIdentifiedColumns) +
+                      " identified values not finite (" + ValueName(first_infinite) + ": " +
+                      Num(x(first_infinite)) + ")");
+    }
+    if (large > 0) {
+        why.push_back(std::to_string(large) + " of " + std::to_string(kIdentifiedColumns) +
+                      " identified values beyond " + Num(kMaxParameterMagnitude) + " in magnitude (" +
+                      ValueName(largest) + ": " + Num(x(largest)) + "): not the parameters of an arm this size");
+    }
+    return why;
 }
 
 }  // namespace
@@ -218,7 +350,8 @@ int main(int argc, char** argv) {
     }
     Eigen::MatrixXd W;
     Eigen::VectorXd y;
-    if (!Load(file, model, &W, &y)) return 1;
+    double spread[kJoints];
+    if (!Load(file, model, &W, &y, spread)) return 1;
 
     const double cond = tqltools::ConditionNumber(W);
     Eigen::BDCSVD<Eigen::MatrixXd> svd(W, Eigen::ComputeThinU | Eigen::ComputeThinV);
@@ -226,7 +359,7 @@ int main(int argc, char** argv) {
     std::printf("%d samples of %d joints, %d parameters\n", static_cast<int>(W.rows() / kJoints), kJoints,
                 kIdentifiedColumns);
     std::printf("condition number of the stacked regressor: %.1f\n", cond);
-    Report("fit", W, y, x);
+    const double residual = Report("fit", W, y, x);
     std::printf("base parameters P (36):");
     for (int c = 0; c < kBaseParameterNum; ++c) std::printf("%s%.6g", c % 6 ? " " : "\n  ", x(c));
     std::printf("\nviscous friction (N*m*s/rad):");
@@ -234,12 +367,21 @@ int main(int argc, char** argv) {
     std::printf("\nCoulomb friction (N*m):");
     for (int j = 0; j < kJoints; ++j) std::printf(" %.4g", x(kBaseParameterNum + kJoints + j));
     std::printf("\n");
+    std::fflush(stdout);  // the fit, then its diagnosis, when both go to one stream
+    const std::vector<std::string> why = Diagnose(spread, cond, residual, x);
+    for (const std::string& reason : why) {
+        std::fprintf(stderr, "tql-identify: the fit is not identified: %s\n", reason.c_str());
+    }
 
     if (!validate.empty()) {
         Eigen::MatrixXd Wv;
         Eigen::VectorXd yv;
         if (!Load(validate, model, &Wv, &yv)) return 1;
         Report("validation", Wv, yv, x);
+    }
+    if (!why.empty()) {
+        if (!write.empty()) std::fprintf(stderr, "tql-identify: nothing written to %s\n", write.c_str());
+        return 255;
     }
     if (!write.empty()) {
         std::vector<double> values(x.data(), x.data() + x.size());

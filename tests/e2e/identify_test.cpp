@@ -1,7 +1,7 @@
 // Identification closes the loop on the simulated arm: "tql admin" records an
 // excitation run, tql-identify fits the parameters, and they predict the
-// torques of a different run; the tools refuse bad input and write only their
-// own row.
+// torques of a different run; the tools refuse bad input and fits that are
+// not identifications, and write only their own row.
 #include <sqlite3.h>
 #include <sys/wait.h>
 
@@ -9,8 +9,10 @@
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
+#include <functional>
 #include <iterator>
 #include <set>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -90,8 +92,39 @@ TEST(Identification, AdminRunIdentifiedParametersPredictAFreshRun) {
     for (const std::string& row : changed) EXPECT_EQ(row.rfind("GL_6L3|13|dynamic_parameters|", 0), 0u) << row;
 }
 
-TEST(Identification, ToolsRefuseBadInputAndLeaveTheDatabaseWhole) {
+// Unreadable input exits 1, usage 2; a fit that is not an identification is
+// printed with its diagnosis and refused with 255. Nothing is ever written.
+TEST(Identification, ToolsRefuseBadInputAndUnidentifiedFitsAndLeaveTheDatabaseWhole) {
     ScratchDir dir(false);
+    ASSERT_EQ(tqltest::RunHost(dir.path(), {"admin"}, "1\n", {}, 600).exit_code, 0);
+    const std::string run = tqltest::ReadFile(dir.File("file/excitation_output.txt"));
+    // The run with each record's 18 values edited by `edit(record, values)`.
+    const auto derive = [&](const char* name, const std::function<void(int, double*)>& edit) {
+        std::istringstream in(run);
+        std::string out, line;
+        for (int k = 0; std::getline(in, line); ++k) {
+            double v[18];
+            char* p = &line[0];
+            for (double& x : v) x = std::strtod(p, &p), p += *p == ',';
+            edit(k, v);
+            for (int i = 0; i < 18; ++i) {
+                char text[32];
+                std::snprintf(text, sizeof text, "%.17g%c", v[i], i < 17 ? ',' : '\n');
+                out += text;
+            }
+        }
+        tqltest::WriteFile(dir.File(name), out);
+    };
+    derive("run.txt", [](int, double*) {});
+    derive("huge.txt", [](int k, double* v) { v[0] = k == 1234 ? 1e300 : v[0]; });
+    derive("scaled.txt", [](int, double* v) { for (int j = 0; j < 6; ++j) v[j] *= 1e4; });
+    derive("foreign.txt", [](int k, double* v) { for (int j = 0; j < 6; ++j) v[j] = k % 2 ? 1.0 : -1.0; });
+    derive("held.txt", [](int, double* v) { v[17] = 0.3; });
+    // Joint 6 sits still within each period, at another angle every other one.
+    derive("shifted.txt", [](int k, double* v) { v[11] = 0.0, v[17] = 0.3 + 0.1 * (k / 2500 % 2); });
+    std::string still;
+    for (int k = 0; k < 2500; ++k) still += "0.1,0.1,0.1,0.1,0.1,0.1,0.1,0.1,0.1,0.1,0.1,0.1,0.1,0.1,0.1,0.1,0.1,0.1\n";
+    tqltest::WriteFile(dir.File("still.txt"), still);
     std::string period;
     for (int k = 0; k < 2500; ++k) period += "0.1,0,0,0,0,0,0,0,0,0,0,0,0,0.2,0.3,0,0,0\n";
     tqltest::WriteFile(dir.File("short.txt"), period.substr(0, period.size() / 2));
@@ -101,20 +134,62 @@ TEST(Identification, ToolsRefuseBadInputAndLeaveTheDatabaseWhole) {
     std::filesystem::copy_file(dir.File("parameter.db"), dir.File("gl4.db"));
     ASSERT_TRUE(tqltest::ExecSql(dir.File("gl4.db"), "UPDATE system_parameters SET VALUE='GL_4L3' WHERE ID=1"));
     const std::set<std::string> before = Rows(dir.File("parameter.db")), gl4 = Rows(dir.File("gl4.db"));
-    for (const auto& c : std::vector<std::pair<const char*, const char*>>{
-             {"tql-identify missing.txt", "cannot read missing.txt"},
-             {"tql-identify short.txt", "expected whole periods of 2500"},
-             {"tql-identify empty.txt", "expected whole periods of 2500"},
-             {"tql-identify nan.txt", "nan.txt:1: expected 18 numbers"},
-             {"tql-identify columns.txt", "columns.txt:1: expected 18 numbers"},
-             {"tql-identify short.txt --db nowhere/parameter.db", "cannot open nowhere/parameter.db"},
-             {"tql-excite --write nowhere/parameter.db", "cannot open nowhere/parameter.db"},
-             {"tql-excite --margin 2", "usage: tql-excite"},
-             {"tql-identify", "usage: tql-identify"},
-             {"tql-excite --write gl4.db", "robot type 'GL_4L3' has no dynamic model"}}) {
-        const ToolRun r = RunTool(dir.path(), c.first);
-        EXPECT_NE(r.exit_code, 0) << c.first;
-        EXPECT_NE(r.out.find(c.second), std::string::npos) << c.first << ": " << r.out;
+    const std::string not_excited = "condition number inf (at most 1e4): the recorded motion does not excite";
+    const std::string too_large = " identified values beyond 1e3 in magnitude (base parameter ";
+    const std::string unexplained = "% (at most 25 %): the model does not explain the recorded torques";
+    struct Case {
+        std::string command;
+        int exit_code;
+        std::vector<std::string> reasons;  // "the fit is not identified: " lines, in order
+        std::string also;                  // more of the output
+    };
+    for (const Case& c : std::vector<Case>{
+             {"tql-identify missing.txt", 1, {}, "cannot read missing.txt"},
+             {"tql-identify short.txt", 1, {}, "expected whole periods of 2500"},
+             {"tql-identify empty.txt", 1, {}, "expected whole periods of 2500"},
+             {"tql-identify nan.txt", 1, {}, "nan.txt:1: expected 18 numbers"},
+             {"tql-identify columns.txt", 1, {}, "columns.txt:1: expected 18 numbers"},
+             {"tql-identify short.txt --db nowhere/parameter.db", 1, {}, "cannot open nowhere/parameter.db"},
+             {"tql-excite --write nowhere/parameter.db", 1, {}, "cannot open nowhere/parameter.db"},
+             {"tql-excite --margin 2", 2, {}, "usage: tql-excite"},
+             {"tql-identify", 2, {}, "condition number is at most 1e4,\nthe relative RMS residual at most 25 %"},
+             {"tql-excite --write gl4.db", 1, {}, "robot type 'GL_4L3' has no dynamic model"},
+             {"tql-identify run.txt", 0, {}, "condition number of the stacked regressor: "},
+             {"tql-identify still.txt --write parameter.db",
+              255,
+              {"joints 1 2 3 4 5 6 moved less than 0.05 rad over the recording (least 0 rad)", not_excited,
+               unexplained, too_large},
+              "tql-identify: nothing written to parameter.db"},
+             {"tql-identify still.txt",
+              255,
+              {"joints 1 2 3 4 5 6 moved less", not_excited, unexplained, too_large},
+              "condition number of the stacked regressor: inf\nfit: relative RMS error "},
+             {"tql-identify huge.txt --write parameter.db",
+              255,
+              {"relative RMS residual nan (not finite): the recorded currents are all zero or overflow",
+               "48 of 48" + too_large},
+              "nothing written"},
+             {"tql-identify scaled.txt --write parameter.db", 255, {too_large}, "nothing written"},
+             {"tql-identify foreign.txt --write parameter.db",
+              255,
+              {"relative RMS residual 100 " + unexplained},
+              "nothing written"},
+             {"tql-identify held.txt --write parameter.db",
+              255,
+              {"joint 6 moved less than 0.05 rad over the recording (least 0 rad): the arm did not run the excitation",
+               not_excited},
+              "nothing written"},
+             {"tql-identify shifted.txt --write parameter.db", 255, {not_excited}, "nothing written"}}) {
+        const ToolRun r = RunTool(dir.path(), c.command);
+        EXPECT_EQ(r.exit_code, c.exit_code) << c.command << ": " << r.out;
+        EXPECT_NE(r.out.find(c.also), std::string::npos) << c.command << ": " << r.out;
+        const std::string lead = "tql-identify: the fit is not identified: ";
+        EXPECT_EQ(tqltest::CountOf(r.out, lead), static_cast<int>(c.reasons.size())) << c.command << ": " << r.out;
+        for (size_t i = 0, at = 0; i < c.reasons.size() && (at = r.out.find(lead, at)) != std::string::npos; ++i) {
+            at += lead.size();
+            const std::string line = r.out.substr(at, r.out.find('\n', at) - at);
+            EXPECT_NE(line.find(c.reasons[i]), std::string::npos) << c.command << ": " << r.out;
+        }
     }
     EXPECT_EQ(Rows(dir.File("parameter.db")), before);
     EXPECT_EQ(Rows(dir.File("gl4.db")), gl4);
