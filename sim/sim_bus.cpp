@@ -95,6 +95,7 @@ void LoadBus(Bus& bus) {
     bus.discovered = false;
     bus.command_count = 0;
     bus.beyond_limit_count = 0;
+    bus.current_beyond_peak_count = 0;
     bus.error_callbacks.clear();
     bus.para_callbacks.clear();
     LoadPhysics(bus);
@@ -132,8 +133,10 @@ int TakeDueInterrupts(Bus& bus, double now) {
 }
 
 void RaiseInterrupts(int count) {
-    // One per listed time, as the operator pressing Ctrl-C that often.
-    for (int k = 0; k < count; ++k) std::raise(SIGINT);
+    // One per listed time, as the operator pressing Ctrl-C that often. Sent to
+    // the process, as the terminal does, so it reaches whichever thread takes
+    // it (a thread that blocks SIGINT, e.g. the hand-guiding loop's, never does).
+    for (int k = 0; k < count; ++k) kill(getpid(), SIGINT);
 }
 
 void RaiseDueInterrupts() {

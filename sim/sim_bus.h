@@ -127,7 +127,9 @@ struct SimActuator {
     double step_velocity = 0.0;     // rpm of the last applied position step
     double step_time = -1.0;        // bus time of that step
     double velocity_command = 0.0;  // rpm, velocity mode
-    double current_command = 0.0;   // A, current mode
+    // A, current mode: the last finite set-point held within +-peak_current,
+    // what the drive delivers (and what a current-mode reading reports).
+    double current_command = 0.0;
     // A drive switched into current mode keeps holding its position until its
     // first current set-point arrives, so a mode switch never drops the arm.
     bool current_received = false;
@@ -219,7 +221,8 @@ struct Bus {
     bool discovered = false;
     Recorder recorder;
     long command_count = 0;
-    long beyond_limit_count = 0;
+    long beyond_limit_count = 0;         // position and current set-points
+    long current_beyond_peak_count = 0;  // of those, currents beyond the peak
     std::vector<ActuatorController::ErrorCallback> error_callbacks;
     std::vector<ActuatorController::ParaRequestCallback> para_callbacks;
     Physics physics;
@@ -274,9 +277,10 @@ double ClampToLimits(const SimActuator& a, double reported);
 bool Moving(const SimActuator& a);
 // Readings: rpm (position mode: the last step, velocity mode: the command,
 // current mode with physics: the world's rate) and amperes (with physics: the
-// inverse dynamics of the commanded motion, or the commanded current in
-// current mode, plus the seeded noise; without: the commanded current in
-// current mode, else 0). A reading draws from the actuator's noise stream.
+// inverse dynamics of the commanded motion, or the applied current in
+// current mode, plus the seeded noise; without: the applied current in
+// current mode, else 0; the applied current is the set-point held within the
+// peak current). A reading draws from the actuator's noise stream.
 double LiveVelocity(Bus& bus, const SimActuator& a, double now);
 double LiveCurrent(Bus& bus, const SimActuator& a, double now);
 // Restarts the set-point reference at the present position (enable, mode switch).

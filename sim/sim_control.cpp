@@ -95,6 +95,11 @@ long tql_sim_beyond_limit_count(void) {
     return call.bus.beyond_limit_count;
 }
 
+long tql_sim_current_beyond_peak_count(void) {
+    BusCall call;
+    return call.bus.current_beyond_peak_count;
+}
+
 void tql_sim_flush_recorder(void) {
     BusCall call;
     call.bus.recorder.Flush();

@@ -56,10 +56,14 @@ int tql_sim_inject_error_at_time(int id, unsigned code, double bus_time);
 int tql_sim_set_interrupt_at(double bus_time);
 
 // Flight recorder figures since load or reset (counted even when no CSV file
-// is written): commands received, and position set-points beyond the
-// actuator's position limits or velocity limit.
+// is written): commands received; set-points beyond limits, i.e. position
+// set-points beyond the actuator's position limits or velocity limit and
+// current set-points beyond its peak current (or not finite); and of those
+// the current set-points alone. A drive delivers at most its peak current
+// (sim.conf "peak_current"), whatever it is commanded.
 long tql_sim_command_count(void);
 long tql_sim_beyond_limit_count(void);
+long tql_sim_current_beyond_peak_count(void);
 // Writes out buffered recorder rows.
 void tql_sim_flush_recorder(void);
 

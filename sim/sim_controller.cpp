@@ -44,6 +44,12 @@ bool BeyondLimits(const SimActuator& a, double setpoint, double dt) {
     return rpm > std::fabs(a.live.velocity_limit) * (1.0 + tqlsim::kLimitSlack) + tqlsim::kLimitSlack;
 }
 
+// The flight recorder's check of a current set-point [A] against the drive's
+// peak current [A].
+bool CurrentBeyondPeak(double current, double peak) {
+    return !(std::fabs(current) <= peak * (1.0 + tqlsim::kLimitSlack) + tqlsim::kLimitSlack);
+}
+
 // Error faults armed for this actuator's set-point count.
 void FireSetpointFaults(BusCall& call, SimActuator& a) {
     for (tqlsim::ErrorFault& f : call.bus.config.faults.errors) {
@@ -177,8 +183,15 @@ void ActuatorController::setCurrent(uint8_t id, double current, const std::strin
     BusCall call;
     tqlsim::RecordCommand(call, id, "setCurrent", current);
     SimActuator* a = Find(call, id);
-    if (a == nullptr || !std::isfinite(current)) return;
-    a->current_command = current;
+    if (a == nullptr) return;
+    const double peak = call.bus.config.DriveOf(a->id).peak_current;
+    if (CurrentBeyondPeak(current, peak)) {
+        ++call.bus.beyond_limit_count;
+        ++call.bus.current_beyond_peak_count;
+    }
+    if (!std::isfinite(current)) return;
+    // The drive saturates at its peak: more is never delivered to the joint.
+    a->current_command = std::min(std::max(current, -peak), peak);
     if (a->mode == Actuator::Mode_Cur) a->current_received = true;
 }
 

@@ -85,7 +85,10 @@ void ApplyHand(Physics& p, double t) {
     while (p.hand_row + 1 < rows.size() && rows[p.hand_row + 1].time <= t) ++p.hand_row;
     const HandRow& r0 = rows[p.hand_row];
     const HandRow& r1 = rows[std::min(p.hand_row + 1, rows.size() - 1)];
-    const double s = r1.time > r0.time ? (t - r0.time) / (r1.time - r0.time) : 1.0;
+    const double u = r1.time > r0.time ? (t - r0.time) / (r1.time - r0.time) : 1.0;
+    // A person's hand moves from pose to pose smoothly, starting and ending at
+    // rest (the minimum-jerk timing), not at a speed that jumps at each pose.
+    const double s = u * u * u * (10.0 + u * (-15.0 + 6.0 * u));
     for (int j = 0; j < n; ++j) {
         const double target = r0.target[j] + s * (r1.target[j] - r0.target[j]);
         const bool held = std::isfinite(target);
@@ -241,7 +244,7 @@ void AdvanceWorld(Bus& bus, double now) {
         p.was_free[j] = free;
         any_free = any_free || free;
         drive[j].free = free;
-        drive[j].motor = a.current_command * d.torque_constant * d.direction;
+        drive[j].motor = a.current_command * d.torque_constant * d.direction;  // within the peak already
         if (a.live.min_position <= a.live.max_position) {
             const double lo = ToJoint(d, a.live.min_position + a.homing_offset);
             const double hi = ToJoint(d, a.live.max_position + a.homing_offset);

@@ -10,6 +10,7 @@
 #include <cmath>
 #include <cstring>
 #include <iostream>
+#include <sstream>
 #include <string>
 
 namespace {
@@ -144,15 +145,21 @@ const char* TypeTableName(int code) {
 // Prints why value `v` (entry `entry` of a list row, -1 for a single value)
 // of row `row` cannot be used and returns -1.
 int RefuseParameter(int type, int row, int entry, double v, const char* rule) {
-    std::cout << "Parameter error: table " << TypeTableName(type) << ", row " << row;
-    if (entry >= 0) std::cout << ", entry " << entry + 1;
-    std::cout << ", value " << v << ": " << rule << std::endl;
-    return -1;
+    std::string detail;
+    if (entry >= 0) detail += ", entry " + std::to_string(entry + 1);
+    std::ostringstream value;
+    value << v;
+    return RefuseParameterRow(type, row, detail + ", value " + value.str() + ": " + rule);
 }
 
 bool FinitePositive(double v) { return std::isfinite(v) && v > 0.0; }
 
 }  // namespace
+
+int RefuseParameterRow(int type, int row, const std::string& detail) {
+    std::cout << "Parameter error: table " << TypeTableName(type) << ", row " << row << detail << std::endl;
+    return -1;
+}
 
 int CheckRobotParameters(const ResourceData* rd, int joints, bool cartesian) {
     const int type = rd->robot_type;

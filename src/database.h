@@ -4,6 +4,8 @@
 #ifndef TQL_DATABASE_H
 #define TQL_DATABASE_H
 
+#include <string>
+
 // Robot type codes held by the parameter record.
 enum RobotTypeCode {
     kTypeGL_4L3 = 0,
@@ -50,6 +52,9 @@ int DatabaseToMechnical(ResourceData* rd);
 // positive and the kinematic lengths finite. 0, or -1 after a message naming
 // the table, the row (and list entry) and the value.
 int CheckRobotParameters(const ResourceData* rd, int joints, bool cartesian);
+// Prints "Parameter error: table NAME, row ROW" and `detail` (e.g. ", entry
+// 3, value nan: ..." or ": ...") for robot type `type`; returns -1.
+int RefuseParameterRow(int type, int row, const std::string& detail);
 int GetDataFormChar(const char* text, double* out, int n);
 int UpdateRobotType(char* value, int id);
 int DynamicsSwitch(char* value);

@@ -2,7 +2,11 @@
 // operator's hand, a recorder on a second thread writes what the operator
 // shows, either program points on request (a motion program) or the joint
 // angles every period (a trajectory file).
+#include <pthread.h>
+#include <signal.h>
+
 #include <csignal>
+#include <cstdio>
 #include <fstream>
 #include <iostream>
 #include <memory>
@@ -10,6 +14,9 @@
 #include <string>
 #include <thread>
 
+#include "database.h"
+#include "dynamics.h"
+#include "durable_file.h"
 #include "editor.h"
 #include "execute.h"
 #include "interpolation.h"
@@ -26,18 +33,40 @@ constexpr int kMaxTaughtPoints = 1000;
 const char* const kPointPrompt = "Insert MOVJ、MOVL、MOVC or STOP : ";  // ideographic commas (U+3001)
 
 // Starts the monitoring loop and the recorder side by side and waits for both.
+// The recorder's result, or -1 when the monitoring loop refused to start or
+// a fault was reported meanwhile. SIGINT reaches the recorder's thread only, so a Ctrl-C
+// interrupts the operator's answer it waits for.
 template <typename Recorder>
-void RunBesideMonitoring(Recorder recorder) {
-    std::thread monitoring([] { RealTimeMonitoring(); });
-    std::thread recording(recorder);
+int RunBesideMonitoring(Recorder recorder) {
+    sigset_t interrupt, previous;
+    sigemptyset(&interrupt);
+    sigaddset(&interrupt, SIGINT);
+    pthread_sigmask(SIG_BLOCK, &interrupt, &previous);
+    int monitored = 0, recorded = 0;
+    std::thread monitoring([&monitored] { monitored = RealTimeMonitoring(); });
+    std::thread recording([&] {
+        pthread_sigmask(SIG_UNBLOCK, &interrupt, nullptr);
+        recorded = recorder();
+    });
     monitoring.join();
     recording.join();
+    pthread_sigmask(SIG_SETMASK, &previous, nullptr);
+    // A fault reported meanwhile (the compensation's, a file's) fails the job.
+    return monitored < 0 || !GetSystemStatus() ? -1 : recorded;
 }
 
-// The next word of the operator; false at the end of the input.
+// Hand guiding floats the arm on the model's torques: refused before the arm
+// is let go when they are not to be trusted.
+bool ModelReadyForHandGuiding(Robot* robot) {
+    return !GetResourceDate()->dynamics_switch || CheckDynamicParameters(robot) == 0;
+}
+
+// The next word of the operator; false at the end of the input or when a
+// Ctrl-C interrupted the read (the stop flag tells which).
 bool ReadOperatorWord(std::string* word) {
     if (std::cin >> *word) return true;
     std::cin.clear();
+    std::clearerr(stdin);
     word->clear();
     return false;
 }
@@ -92,17 +121,19 @@ Round TeachOne(const std::string& word, int type, Robot* robot, std::ofstream& o
 }  // namespace
 
 int RecordSinglePointInDragTeachMode(Robot* robot, std::string file_name) {
+    if (!ModelReadyForHandGuiding(robot)) return -1;
     robot->ActivateCurrentMode();
-    RunBesideMonitoring([file_name] { RecordSinglePosition(file_name); });
-    return 0;
+    InitStopFlag();
+    InstallInterruptingStopHandler();
+    return RunBesideMonitoring([file_name] { return RecordSinglePosition(file_name); });
 }
 
 int RecordContinuousPointInDragTeachMode(Robot* robot, std::string file_name) {
+    if (!ModelReadyForHandGuiding(robot)) return -1;
     robot->ActivateCurrentMode();
     InitStopFlag();
-    std::signal(SIGINT, SetStopFlagForSignal);
-    RunBesideMonitoring([file_name] { RecordContinuousPosition(file_name); });
-    return 0;
+    InstallInterruptingStopHandler();
+    return RunBesideMonitoring([file_name] { return RecordContinuousPosition(file_name); });
 }
 
 int RecordSinglePosition(std::string file_name) {
@@ -110,7 +141,11 @@ int RecordSinglePosition(std::string file_name) {
 }
 
 int RecordSinglePositionFromTerminal(std::string file_name) {
-    std::ofstream out(file_name, std::ios::trunc);
+    // The session is written beside the program and takes its place only when
+    // it taught something: the operator's previous program survives a session
+    // that is stopped, interrupted or killed before its first point.
+    const std::string session = tql::PartFileName(file_name);
+    std::ofstream out(session, std::ios::trunc);
     if (!out) {
         SendErrorCode(0, 4, "Open " + file_name + " failure! ");
         MultiThreadTrigger();
@@ -120,8 +155,8 @@ int RecordSinglePositionFromTerminal(std::string file_name) {
     Robot* robot = GetCurrentRobot();
     // An invalid word does not count as a point, except as the very first
     // answer (the counter is only stepped back above 0).
-    int count = 0;
-    while (count < kMaxTaughtPoints && GetSystemStatus()) {
+    int count = 0, taught = 0;
+    while (count < kMaxTaughtPoints && GetSystemStatus() && !GetStopFlag()) {
         const int type = robot->GetRobotType();
         if (type >= 1 && type <= 4) {
             std::cout << kPointPrompt << std::endl;
@@ -133,23 +168,34 @@ int RecordSinglePositionFromTerminal(std::string file_name) {
         }
         std::string word;
         if (!ReadOperatorWord(&word)) {
-            // Nobody left to answer: end as STOP would, keeping what was taught.
-            std::cout << "No more input." << std::endl;
+            // Ctrl-C, or nobody left to answer: end as STOP would, keeping
+            // what was taught.
+            if (!GetStopFlag()) std::cout << "No more input." << std::endl;
             std::cout << "Stop recording." << std::endl;
             break;
         }
         const Round round = TeachOne(word, type, robot, out);
         if (round == Round::kEnd) break;
+        if (round == Round::kNext) ++taught;
         if (round == Round::kInvalid && count > 0) --count;
         ++count;
     }
     out.close();
+    int result = 0;
+    if (taught == 0) {
+        std::remove(session.c_str());
+        std::cout << "Nothing taught: " << file_name << " is unchanged." << std::endl;
+    } else if (!out || tql::CommitFile(session, file_name) < 0) {
+        SendErrorCode(0, 4, "Open " + file_name + " failure! ");
+        result = -1;
+    }
     MultiThreadTrigger();
-    return 0;
+    return result;
 }
 
 int RecordSinglePositionFromInterface(std::string file_name) {
-    std::ofstream out(file_name, std::ios::trunc);
+    const std::string part = tql::PartFileName(file_name);
+    std::ofstream out(part, std::ios::trunc);
     if (!out) {
         SendErrorCode(0, 4, "Open " + file_name + " failure! ");
         return -1;
@@ -164,6 +210,11 @@ int RecordSinglePositionFromInterface(std::string file_name) {
         robot->GetCurrentMachineJoint(q);
         WriteProgramLine(out, "MOVJ VJ=100 z5 ", q, n);
     }
+    out.close();
+    if (!out || tql::CommitFile(part, file_name) < 0) {
+        std::remove(part.c_str());
+        SendErrorCode(0, 4, "Open " + file_name + " failure! ");
+    }
     return -1;
 }
 
@@ -174,7 +225,7 @@ int RecordContinuousPosition(std::string file_name) {
         return -1;
     }
     InitStopFlag();
-    std::signal(SIGINT, SetStopFlagForSignal);
+    InstallInterruptingStopHandler();
     Robot* robot = GetCurrentRobot();
     robot->ActivateCurrentMode();
 
@@ -192,6 +243,11 @@ int RecordContinuousPosition(std::string file_name) {
         std::cout << "Input 'start' to start ..." << std::endl;
         std::string word;
         ReadOperatorWord(&word);
+        // A Ctrl-C before "start" cancels: the previous recording is kept.
+        if (GetStopFlag()) {
+            std::cout << "Recording cancelled: " << file_name << " is unchanged." << std::endl;
+            word.clear();
+        }
         if (word != "start") {
             MultiThreadTrigger();
             return -1;
@@ -201,6 +257,11 @@ int RecordContinuousPosition(std::string file_name) {
     int stored = 0;
     bool aborted = false;
     double scratch[kMaxJointNum];
+    // Past the capacity the recording goes on but keeps nothing more.
+    auto next_row = [&] { return stored < capacity ? samples.get() + static_cast<size_t>(stored) * n : scratch; };
+    // The samples are the monitoring loop's positions, one per period; with no
+    // loop beside (a host's own use) the recorder reads the joints itself.
+    DiscardMonitoredPositions();
     tql::PeriodicTimer timer(PERIOD);
     for (bool first = true;; first = false) {
         if (!GetSystemStatus()) {
@@ -208,19 +269,25 @@ int RecordContinuousPosition(std::string file_name) {
             break;
         }
         if (first) std::cout << "Recording ... " << std::endl;
-        // Past the capacity the recording goes on but keeps nothing more.
-        double* row = stored < capacity ? samples.get() + static_cast<size_t>(stored) * n : scratch;
-        robot->GetCurrentMachineJointFast(row);
-        if (stored < capacity) ++stored;
+        if (MonitoringRunning()) {
+            for (double* row = next_row(); NextMonitoredPosition(row, n); row = next_row())
+                if (stored < capacity) ++stored;
+        } else {
+            robot->GetCurrentMachineJointFast(next_row());
+            if (stored < capacity) ++stored;
+        }
         timer.Wait();
         if (GetStopFlag()) break;
     }
+    if (LostMonitoredPositions() > 0)
+        std::cout << "The recorder fell behind: " << LostMonitoredPositions() << " samples lost." << std::endl;
     if (aborted) {
         // The monitoring loop ends itself on a compensation fault; should the
         // status have dropped for another reason, end it too so the starter's
         // join cannot wait for ever.
         if (IsTerminal() && GetCurrentRunningMode() == kDragTeachingMode) SetRunningMode(kReplayTrajectoryMode);
-        return 0;
+        std::cout << "Recording discarded: " << file_name << " is unchanged." << std::endl;
+        return -1;
     }
     MultiThreadTrigger();
     std::cout << " " << std::endl;

@@ -4,6 +4,7 @@
 
 #include <cmath>
 #include <iostream>
+#include <sstream>
 
 #include "database.h"
 #include "math_fun.h"
@@ -39,6 +40,7 @@ void GeometryInMetres(const Robot& robot, double* a, double* d) {
 
 }  // namespace
 
+
 double signd(double x) {
     if (x > 1e-5) return 1.0;
     if (x < -1e-5) return -1.0;
@@ -70,19 +72,100 @@ int Robot::InverseDynamics(double* q, double* dq, double* ddq, double* tau) {
     return 0;
 }
 
+namespace {
+
+// The compensation gain in use: the record's, or 1.0 outside the accepted
+// range (written so that a NaN gain falls back to 1.0 as well).
+double GravityGain() {
+    const double gain = GetResourceDate()->gravity_gain;
+    return gain >= kMinGravityGain && gain <= kMaxGravityGain ? gain : 1.0;
+}
+
+// The compensation torques [N*m] at user-zero q: the model's static torques
+// times the gain.
+void CompensationTorques(Robot& robot, double* q, double* tau) {
+    double a[kDynamicsJointNum], d[kDynamicsJointNum];
+    GeometryInMetres(robot, a, d);
+    double zero[kDynamicsJointNum] = {};
+    InverserDynamicsUr(a, d, q, zero, zero, tau, GetResourceDate()->dynamic_parameters);
+    scaling(tau, GravityGain(), kDynamicsJointNum);
+}
+
+}  // namespace
+
 int Robot::GravityCompensation(double* q, double* /*dq*/) {
     if (robot_type_ != kTypeGL_6L3) return 0;
-    double a[kDynamicsJointNum], d[kDynamicsJointNum];
-    GeometryInMetres(*this, a, d);
-    double zero[kDynamicsJointNum] = {};
     double tau[kDynamicsJointNum];
-    ResourceData* rd = GetResourceDate();
-    InverserDynamicsUr(a, d, q, zero, zero, tau, rd->dynamic_parameters);
-    double gain = rd->gravity_gain;
-    // Written so that a NaN gain falls back to 1.0 as well.
-    if (!(gain >= kMinGravityGain && gain <= kMaxGravityGain)) gain = 1.0;
-    scaling(tau, gain, kDynamicsJointNum);
+    CompensationTorques(*this, q, tau);
     return SetMachineTorque(tau) < 0 ? -1 : 0;
+}
+
+namespace {
+
+// Values of row 13 the model and the friction terms read: the 36 base
+// parameters, then a viscous and a Coulomb coefficient per joint.
+constexpr int kDynamicRowValues = kBaseParameterNum + 2 * kDynamicsJointNum;
+constexpr int kDynamicRow = 13;
+constexpr double kRadToDeg = 57.295780490442965;
+constexpr double kQuarterTurn = 1.5707963;
+
+// Angles [rad] at which a joint's static torques are examined: both soft
+// limits, zero and the quarter turns (where gravity's lever arms are longest)
+// that lie between them. Returns the count (at most 5).
+int GridAngles(const LinkUnit& joint, double* out) {
+    const double candidates[] = {joint.min_soft_limit_, -kQuarterTurn, 0.0, kQuarterTurn, joint.max_soft_limit_};
+    int count = 0;
+    for (double v : candidates)
+        if (v >= joint.min_soft_limit_ && v <= joint.max_soft_limit_) out[count++] = v;
+    return count;
+}
+
+}  // namespace
+
+int CheckDynamicParameters(Robot* robot) {
+    if (robot->GetRobotType() != kTypeGL_6L3 || robot->GetRobotJointNum() != kDynamicsJointNum) return 0;
+    const ResourceData* rd = GetResourceDate();
+    for (int i = 0; i < kDynamicRowValues; ++i) {
+        const double v = rd->dynamic_parameters[i];
+        if (!std::isfinite(v)) {
+            std::ostringstream text;
+            text << ", entry " << i + 1 << ", value " << v << ": a dynamic parameter must be finite";
+            return RefuseParameterRow(rd->robot_type, kDynamicRow, text.str());
+        }
+    }
+    // Joint 1 turns about the vertical: gravity's torques do not depend on it.
+    double grid[kDynamicsJointNum][5];
+    int counts[kDynamicsJointNum] = {1, 0, 0, 0, 0, 0};
+    grid[0][0] = 0.5 * (robot->link_[0].min_soft_limit_ + robot->link_[0].max_soft_limit_);
+    for (int j = 1; j < kDynamicsJointNum; ++j) counts[j] = GridAngles(robot->link_[j], grid[j]);
+    int index[kDynamicsJointNum] = {};
+    double worst_ratio = 0.0, worst_torque = 0.0, worst_q[kDynamicsJointNum] = {};
+    int worst_joint = -1;
+    for (;;) {
+        double q[kDynamicsJointNum], tau[kDynamicsJointNum];
+        for (int j = 0; j < kDynamicsJointNum; ++j) q[j] = counts[j] > 0 ? grid[j][index[j]] : 0.0;
+        CompensationTorques(*robot, q, tau);
+        for (int j = 0; j < kDynamicsJointNum; ++j) {
+            const double ratio = std::fabs(tau[j]) / robot->link_[j].PeakTorque();
+            if (!(ratio <= worst_ratio)) {  // NaN too
+                worst_ratio = ratio;
+                worst_torque = tau[j];
+                worst_joint = j;
+                for (int k = 0; k < kDynamicsJointNum; ++k) worst_q[k] = q[k];
+            }
+        }
+        int j = 0;
+        while (j < kDynamicsJointNum && ++index[j] >= counts[j]) index[j++] = 0;
+        if (j == kDynamicsJointNum) break;
+    }
+    if (worst_joint < 0 || worst_ratio <= 1.0) return 0;
+    const LinkUnit& joint = robot->link_[worst_joint];
+    std::ostringstream text;
+    text << ": joint " << worst_joint + 1 << " needs " << std::fabs(worst_torque) << " N*m at (";
+    for (int k = 0; k < kDynamicsJointNum; ++k) text << (k ? ", " : "") << worst_q[k] * kRadToDeg + 0.0;
+    text << ") degrees, beyond its peak torque " << joint.PeakTorque() << " N*m (" << joint.peak_current_ << " A)";
+    if (GravityGain() != 1.0) text << " with the gravity gain " << GravityGain();
+    return RefuseParameterRow(rd->robot_type, kDynamicRow, text.str());
 }
 
 void InitC() {

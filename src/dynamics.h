@@ -76,6 +76,14 @@ void InverserDynamicsUr(double* a, double* d, double* q, double* dq, double* ddq
 // Sign with a dead band, for Coulomb friction: 1 above 1e-5, -1 below -1e-5, else 0.
 double signd(double x);
 
+// Checks the dynamic parameters (row 13 of the robot type's table) before a
+// mode uses the model (hand guiding, teaching, collision detection): every
+// value finite, and the compensation torques (static torques times the
+// gravity gain) within every joint's peak torque over a grid of poses inside
+// the soft limits. 0 (also for robots without a model), or -1 after a
+// "Parameter error" naming the row, the joint and the worst pose.
+int CheckDynamicParameters(Robot* robot);
+
 // ---- collision observer (generalised momentum), state shared by the calls
 
 // Zeroes the observer's integral and residual.
@@ -100,6 +108,11 @@ constexpr int kExcitationSpare = 10;
 int ExcitationTrajectoriesGenerator(double* out, int last);
 // The same series for n joints from an explicit coefficient table.
 void ExcitationSeries(const double* coefficients, int n, int first, int last, double* out);
+// Checks the excitation coefficients (row 14 of the robot type's table) before
+// an identification run: finite, every joint's series within its soft limits,
+// its speed and acceleration within the joint's limits (rows 1 and 2) at the
+// nominal 4 ms. 0, or -1 after a "Parameter error" naming the row and joint.
+int CheckExcitationParameters(Robot* robot);
 // Runs the excitation `repetitions` times in position mode, recording every
 // joint's current, velocity and position each 4 ms, and writes the records
 // to "file/excitation_output.txt". 0, or -1 on any failure (no file then).

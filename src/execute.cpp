@@ -2,6 +2,8 @@
 // and stop flags.
 #include "execute.h"
 
+#include <signal.h>
+
 #include <atomic>
 #include <cstring>
 #include <iostream>
@@ -44,6 +46,9 @@ constexpr char kTrajectoryFileName[] = "file/trajectory.txt";
 // Every mode word but "mode0" runs its job on the booted robot.
 int Dispatch(const std::string& word) {
     Robot* robot = GetCurrentRobot();
+    // The collision observer runs on the model: with its switch on, nothing
+    // moves on a model that is not to be trusted.
+    if (GetResourceDate()->collision_switch && CheckDynamicParameters(robot) < 0) return -1;
     if (word == "mode1") return RecordContinuousPointInDragTeachMode(robot, kTrajectoryFileName);
     if (word == "mode2") return MoveTrajectory(robot, kTrajectoryFileName, true);
     if (word == "mode3") return RecordSinglePointInDragTeachMode(robot, kProgramFileName);
@@ -66,6 +71,14 @@ void SetTerminalFlag() { is_terminal.store(1); }
 void SetStopFlag() { stop_flag.store(1); }
 void SetStopFlagForSignal(int /*signo*/) { stop_flag.store(1); }
 void InitStopFlag() { stop_flag.store(0); }
+
+void InstallInterruptingStopHandler() {
+    struct sigaction action = {};
+    action.sa_handler = SetStopFlagForSignal;
+    sigemptyset(&action.sa_mask);
+    action.sa_flags = 0;  // no SA_RESTART: the read in progress returns
+    sigaction(SIGINT, &action, nullptr);
+}
 bool GetStopFlag() { return stop_flag.load() != 0; }
 
 void VersionManagement() {

@@ -35,5 +35,9 @@ void SetStopFlag();
 void SetStopFlagForSignal(int signo);
 void InitStopFlag();
 bool GetStopFlag();
+// Installs SetStopFlagForSignal for SIGINT so that a Ctrl-C also interrupts a
+// blocking read of the operator's answer (the read then fails and the stop
+// flag tells why), instead of being noted until the next answer arrives.
+void InstallInterruptingStopHandler();
 
 #endif  // TQL_EXECUTE_H

@@ -218,12 +218,28 @@ int SaveMatrixToFile(std::string file_name, double* data, int rows, int cols);
 // longer one) into data, cols values each, and stores the count in *rows.
 // -1 when the file cannot be opened or holds no line (" is an empty file.").
 int GetMatrixFromFile(std::string file_name, double* data, int max_rows, int cols, int* rows);
+// The reader of a file the arm replays: the same limits, but every line must
+// hold exactly `cols` finite numbers separated by "," (blanks around a number
+// and a final carriage return allowed). A blank line, another separator, text,
+// a missing or an extra value refuses the whole file with its line number
+// ("Trajectory format error: ...") before anything moves. 0 or -1.
+int ReadTrajectoryForReplay(std::string file_name, double* data, int max_rows, int cols, int* rows);
 // Reads up to n numbers separated by "," from line (atof: a non-number reads
 // as 0; missing numbers leave their slots untouched, extra ones are ignored).
 // -1 for a null line.
 int DecodeCharLine(const char* line, double* values, int n);
 
 // ---- replay
+
+// The pre-flight of a stream of joint samples (rad, sample-major) sent one
+// every period_s seconds, before the arm moves: the approach move to sample 0
+// (computed, not sent), every sample against the soft limits and the
+// actuators' speed over PERIOD, and every step against the database's joint
+// speed and acceleration limits at period_s, the arm resting before the first
+// sample and after the last. 0, or -1 after the failing check's message,
+// "Sample K refused before motion." and the largest speed override at which
+// the stream would pass.
+int PreflightJointSamples(Robot* robot, double* samples, int rows, double period_s);
 
 // Moves to the first sample, then sends samples 1 .. rows-1 (joint vectors,
 // rad) unchanged, one every int(4 / override) ms. -1 when stopped or refused.
@@ -251,6 +267,15 @@ RunningMode GetCurrentRunningMode();
 // compensation. Runs while the mode is drag teaching. 0, or -1 when started
 // in another mode.
 int RealTimeMonitoring();
+// The positions [rad] the monitoring loop delivered, one per period in order,
+// for one recorder on another thread: Discard forgets those waiting, Next
+// takes the oldest (false when none waits). Lost counts the periods a
+// recorder fell too far behind to take (a second's worth waits).
+void DiscardMonitoredPositions();
+bool NextMonitoredPosition(double* q, int n);
+long LostMonitoredPositions();
+// True while the monitoring loop runs.
+bool MonitoringRunning();
 // Ends drag teaching from the recorder's side (terminal use only): asks the
 // operator to hold the arm when compensation is on, then leaves the mode.
 void MultiThreadTrigger();

@@ -14,12 +14,16 @@ constexpr double kTwoPi = 6.2831852;
 struct ActuatorTypeData {
     double reduction_ratio;
     double kt;
+    double peak_current;  // A: the most the drive may be commanded
 };
 
-// Reduction ratio and torque constant per actuator type 0..9.
+// Reduction ratio, torque constant and peak current per actuator type 0..9.
+// The peak currents are the drives' rated peaks as this controller assumes
+// them (type 1, the demo arm's and the simulated bus's actuator: 10 A); an
+// integrator fitting other actuators takes them from the maker's data sheet.
 constexpr ActuatorTypeData kActuatorTypes[] = {
-    {36.0, 2.3794}, {36.0, 1.0623}, {36.0, 1.0},  {36.0, 1.0},    {36.0, 1.0},
-    {36.0, 1.0},    {101.0, 10.1},  {81.0, 4.9086}, {51.0, 1.7748}, {1.0, 1.0},
+    {36.0, 2.3794, 20.0}, {36.0, 1.0623, 10.0}, {36.0, 1.0, 10.0},   {36.0, 1.0, 10.0},    {36.0, 1.0, 10.0},
+    {36.0, 1.0, 10.0},    {101.0, 10.1, 30.0},  {81.0, 4.9086, 20.0}, {51.0, 1.7748, 15.0}, {1.0, 1.0, 10.0},
 };
 constexpr int kActuatorTypeCount = sizeof(kActuatorTypes) / sizeof(kActuatorTypes[0]);
 
@@ -37,6 +41,7 @@ int LinkUnit::InitActuator(unsigned char id, ActuatorType type) {
     }
     reduction_ratio_ = kActuatorTypes[type].reduction_ratio;
     kt_ = kActuatorTypes[type].kt;
+    peak_current_ = kActuatorTypes[type].peak_current;
     return 0;
 }
 
@@ -61,14 +66,22 @@ double LinkUnit::ActuatorToJoint(double revolutions) const {
     return revolutions * direct_ / reduction_ratio_ * 2 * kPi;
 }
 
+double LinkUnit::ActuatorSpeed(double position, double last_position, double period) const {
+    return reduction_ratio_ * ((position - last_position) / period) / kTwoPi * 60.0;
+}
+
+bool LinkUnit::PositionAllowed(double position, double last_position, double period) const {
+    // Written so that a NaN position, speed or limit is refused too.
+    return std::fabs(ActuatorSpeed(position, last_position, period)) <= speed_limit_ &&
+           position <= max_soft_limit_ && position >= min_soft_limit_;
+}
+
 int LinkUnit::CheckPosition(double position, double last_position, double period) {
     if (std::isnan(position)) {
         std::cout << "NAN" << std::endl;
         return -1;
     }
-    // Actuator speed in revolutions per minute.
-    const double speed = reduction_ratio_ * ((position - last_position) / period) / kTwoPi * 60.0;
-    // Written so that a NaN speed (bad previous set-point or limit) is refused too.
+    const double speed = ActuatorSpeed(position, last_position, period);  // rpm
     if (!(std::fabs(speed) <= speed_limit_)) {
         std::cout << speed << "\t " << speed_limit_ << std::endl;
         std::cout << "ID " << static_cast<int>(actuator_id_) << " beyond speed limit" << std::endl;
@@ -97,6 +110,13 @@ int LinkUnit::CheckTorque(double torque) {
     const double current = torque / kt_ / static_cast<double>(direct_);
     if (!std::isfinite(current)) {
         std::cout << "tmp NAN" << std::endl;
+        return -1;
+    }
+    // Beyond its peak the drive cannot follow: the command is not what the
+    // arm would get, so it is refused rather than sent.
+    if (std::fabs(current) > peak_current_) {
+        std::cout << "ID " << static_cast<int>(actuator_id_) << " current " << current << " A beyond peak current "
+                  << peak_current_ << " A" << std::endl;
         return -1;
     }
     return 0;

@@ -32,7 +32,16 @@ public:
 
     // 0 if the set-point may be sent, -1 otherwise (message printed).
     int CheckPosition(double position, double last_position, double period);
+    // CheckPosition's verdict without a message.
+    bool PositionAllowed(double position, double last_position, double period) const;
+    // Actuator speed [rpm] of a step from last_position to position [rad] in period [s].
+    double ActuatorSpeed(double position, double last_position, double period) const;
+    // 0 if the torque [N*m] may be sent as a current: finite and within the
+    // actuator's peak current. -1 otherwise (message printed).
     int CheckTorque(double torque);
+    // Joint torque [N*m] at the actuator's peak current (torque constant x
+    // peak current).
+    double PeakTorque() const { return kt_ * peak_current_; }
     int DisableActuator();
 
     int GetActuatorData();
@@ -57,6 +66,7 @@ public:
     ActuatorController* controller_ = nullptr;  // not owned
     double reduction_ratio_ = 0.0;  // actuator turns per joint turn
     double kt_ = 0.0;               // N*m per ampere of actuator current
+    double peak_current_ = 0.0;     // A, the most a current command may ask
     int direct_ = 1;                // +1 or -1
     double speed_limit_ = 0.0;      // actuator rpm, read from the actuator
     AccDecDate joint_speed_data_;   // joint limits, rad/s, rad/s^2, rad/s^3
@@ -106,9 +116,16 @@ public:
     void AddParaRequestCallback(void (*cb)(ActuatorController::UnifiedID, unsigned char, double));
     void ClearAllActuatorCallbacks();
 
+    // Per-period commands. Each checks every joint (its actuator's error
+    // word, then the set-point) before it sends any, so a tick reaches all
+    // joints or none. 0 (SetPosition, SetMachineTorque: the joint count), or
+    // -1 after the failing check's message.
+    // q_last: the previous tick's set-points, for the speed check over PERIOD.
     int SendMachinePosition(double* q, double* q_last);
     int SendPosition(double* q, double* q_last);
+    // Soft limits only: there is no previous set-point to check a speed against.
     int SetPosition(double* q);
+    // Torques [N*m] sent as currents, each finite and within its peak current.
     int SetMachineTorque(double* tau);
 
     int SetHomingPosition();
@@ -147,6 +164,10 @@ private:
     void ActivateMode(Actuator::ActuatorMode mode, double settle_ms);
     // Prints the error of joint i if its actuator reports one; true when clean.
     bool JointErrorFree(int i, bool id_as_number);
+    // Every joint's error word and set-point check for one tick; 0 when the
+    // whole tick may be sent.
+    int CheckPositionTick(double* q, double* q_last, bool id_as_number);
+    void SendPositionTick(double* q);
 };
 
 // System status, error record, real-time position.

@@ -10,6 +10,7 @@
 #include <limits>
 
 #include "database.h"
+#include "dynamics.h"
 #include "execute.h"
 #include "interpolation.h"
 #include "timing.h"
@@ -18,6 +19,28 @@ namespace {
 
 std::atomic<int> running_mode{kDragTeachingMode};
 static_assert(std::atomic<int>::is_always_lock_free, "the running mode is polled every period");
+
+// The positions the loop delivered, one per period, for a recorder on another
+// thread: a single-producer single-consumer ring, so the recorder keeps every
+// period's sample exactly once however the two threads' periods fall against
+// each other (reading the last delivered value on its own clock, it would
+// sometimes read one twice and skip the next).
+constexpr unsigned kRingPeriods = 256;  // a second of periods
+double ring[kRingPeriods][kMaxJointNum];
+std::atomic<unsigned> ring_head{0};  // periods written (producer)
+std::atomic<unsigned> ring_tail{0};  // periods taken (consumer)
+std::atomic<long> ring_lost{0};      // periods the recorder fell too far behind to take
+std::atomic<bool> monitoring{false};  // the loop is delivering positions
+
+void DeliverPosition(const double* q, int n) {
+    const unsigned head = ring_head.load(std::memory_order_relaxed);
+    if (head - ring_tail.load(std::memory_order_acquire) >= kRingPeriods) {
+        ring_lost.fetch_add(1, std::memory_order_relaxed);
+        return;
+    }
+    for (int j = 0; j < n; ++j) ring[head % kRingPeriods][j] = q[j];
+    ring_head.store(head + 1, std::memory_order_release);
+}
 
 // Gravity compensation during hand guiding: the dynamics switch of the
 // parameter record.
@@ -31,6 +54,23 @@ void SetRunningMode(RunningMode mode) {
     // started in.
     SetStopFlag();
 }
+
+void DiscardMonitoredPositions() {
+    ring_tail.store(ring_head.load(std::memory_order_acquire), std::memory_order_release);
+    ring_lost.store(0);
+}
+
+bool NextMonitoredPosition(double* q, int n) {
+    const unsigned tail = ring_tail.load(std::memory_order_relaxed);
+    if (tail == ring_head.load(std::memory_order_acquire)) return false;
+    for (int j = 0; j < n && j < kMaxJointNum; ++j) q[j] = ring[tail % kRingPeriods][j];
+    ring_tail.store(tail + 1, std::memory_order_release);
+    return true;
+}
+
+long LostMonitoredPositions() { return ring_lost.load(); }
+
+bool MonitoringRunning() { return monitoring.load(); }
 
 RunningMode GetCurrentRunningMode() { return static_cast<RunningMode>(running_mode.load()); }
 
@@ -50,12 +90,20 @@ int RealTimeMonitoring() {
         return -1;
     }
     Robot* robot = GetCurrentRobot();
+    const bool compensate = GravityCompensationOn();
+    // A host starts the loop directly: the model is checked here too before
+    // the arm is let go.
+    if (compensate && CheckDynamicParameters(robot) < 0) {
+        SetSystemStatus(false);
+        return -1;
+    }
     robot->ActivateCurrentMode();
     // Sized once: currents (A), velocities (rad/s), positions (rad).
     double current[kMaxJointNum] = {};
     double velocity[kMaxJointNum] = {};
     double position[kMaxJointNum] = {};
-    const bool compensate = GravityCompensationOn();
+    bool faulted = false;
+    monitoring.store(true);
     tql::PeriodicTimer timer(PERIOD);
     while (GetCurrentRunningMode() == kDragTeachingMode) {
         robot->RequestCVPValue();
@@ -63,17 +111,23 @@ int RealTimeMonitoring() {
         if (robot->controller_ != nullptr) robot->controller_->processEvents();
         robot->GetCurrentCVPFast(current, velocity, position);
         SetRealTimePos(position);
+        DeliverPosition(position, robot->GetRobotJointNum());
         if (compensate && robot->GravityCompensation(position, velocity) < 0) {
             SetSystemStatus(false);
             SendErrorCode(1, 3, "Gravity Compensation error ");
+            faulted = true;
             break;
         }
     }
+    monitoring.store(false);
+    // The arm is never left floating with nobody commanding it: after a fault,
+    // and when the operator ends teaching (holding the arm, see
+    // MultiThreadTrigger), it holds where it is in position mode.
     const RunningMode next = GetCurrentRunningMode();
-    if (IsTerminal() || (next != kReplayTrajectoryMode && next != kReplayPathMode))
-        robot->ActivateCurrentMode();  // the operator holds the arm (see MultiThreadTrigger)
-    else
+    if (faulted || IsTerminal() || next == kReplayTrajectoryMode || next == kReplayPathMode)
         ReplayMode();
+    else
+        robot->ActivateCurrentMode();
     return 0;
 }
 

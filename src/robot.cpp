@@ -177,32 +177,46 @@ bool Robot::JointErrorFree(int i, bool id_as_number) {
     return false;
 }
 
-int Robot::SendMachinePosition(double* q, double* q_last) {
-    // Every joint is checked before any is sent: a tick goes out whole or
-    // not at all, so nothing follows a fault on any joint.
+// Every command of a tick is checked, on every joint, before any joint is
+// sent: a tick goes out whole or not at all, so nothing follows a fault on any
+// joint and no joint runs ahead of the others.
+int Robot::CheckPositionTick(double* q, double* q_last, bool id_as_number) {
     for (int i = 0; i < joint_num_; ++i) {
-        if (!JointErrorFree(i, true)) return -1;
+        if (!JointErrorFree(i, id_as_number)) return -1;
         if (link_[i].CheckPosition(q[i], q_last[i], PERIOD) < 0) return -1;
     }
-    if (tql::InPreflight()) return 0;  // the pre-flight checks only
+    return 0;
+}
+
+void Robot::SendPositionTick(double* q) {
     for (int i = 0; i < joint_num_; ++i) link_[i].SetActuatorPosition(q[i]);
+}
+
+int Robot::SendMachinePosition(double* q, double* q_last) {
+    if (CheckPositionTick(q, q_last, true) < 0) return -1;
+    if (tql::InPreflight()) return 0;  // the pre-flight checks only
+    SendPositionTick(q);
     SetRealTimePos(q);
     return 0;
 }
 
-// Unchecked set-points (no speed or soft-limit check), published as the
-// real-time position.
-int Robot::SendPosition(double* q, double* /*q_last*/) {
-    if (SetPosition(q) < 0) return -1;
+// The replay's and the excitation's set-points: the same checks as
+// SendMachinePosition (soft limits, the actuators' speed over one period),
+// published as the real-time position.
+int Robot::SendPosition(double* q, double* q_last) {
+    if (CheckPositionTick(q, q_last, false) < 0) return -1;
+    if (tql::InPreflight()) return 0;
+    SendPositionTick(q);
     SetRealTimePos(q);
     return 0;
 }
 
+// One set-point with no previous one to measure a speed against: checked
+// against the soft limits only.
 int Robot::SetPosition(double* q) {
-    for (int i = 0; i < joint_num_; ++i) {
-        if (!JointErrorFree(i, false)) return -1;
-        link_[i].SetActuatorPosition(q[i]);
-    }
+    if (CheckPositionTick(q, q, false) < 0) return -1;
+    if (tql::InPreflight()) return joint_num_;
+    SendPositionTick(q);
     return joint_num_;
 }
 
@@ -210,8 +224,9 @@ int Robot::SetMachineTorque(double* tau) {
     for (int i = 0; i < joint_num_; ++i) {
         if (!JointErrorFree(i, false)) return -1;
         if (link_[i].CheckTorque(tau[i]) < 0) return -1;
-        link_[i].SetActuatorTorque(tau[i]);
     }
+    if (tql::InPreflight()) return joint_num_;
+    for (int i = 0; i < joint_num_; ++i) link_[i].SetActuatorTorque(tau[i]);
     return joint_num_;
 }
 

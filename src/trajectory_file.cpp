@@ -1,5 +1,6 @@
 // Trajectory files: one line per sample, the joints' values separated by ","
 // (six significant digits), no header.
+#include <cmath>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -7,14 +8,19 @@
 #include <iostream>
 #include <string>
 
+#include "durable_file.h"
 #include "interpolation.h"
 
 int SaveMatrixToFile(std::string file_name, double* data, int rows, int cols) {
-    // Written beside the target and renamed over it, so a failure never
-    // leaves a truncated file where a whole one was.
-    const std::string temporary = file_name + ".part";
+    // Written beside the target, flushed and renamed over it, so neither a
+    // failure nor a power cut leaves a truncated file where a whole one was.
+    if (rows < 0 || cols < 0 || (data == nullptr && rows > 0 && cols > 0)) {
+        SendErrorCode(0, 3, "Open " + file_name + " failure! ");
+        return -1;
+    }
+    const std::string temporary = tql::PartFileName(file_name);
     std::ofstream out(temporary, std::ios::trunc);
-    if (!out || rows < 0 || cols < 0 || (data == nullptr && rows > 0 && cols > 0)) {
+    if (!out) {
         SendErrorCode(0, 3, "Open " + file_name + " failure! ");
         return -1;
     }
@@ -27,8 +33,8 @@ int SaveMatrixToFile(std::string file_name, double* data, int rows, int cols) {
         out << '\n';
     }
     out.close();
-    if (!out || std::rename(temporary.c_str(), file_name.c_str()) != 0) {
-        std::remove(temporary.c_str());
+    if (!out) std::remove(temporary.c_str());
+    if (!out || tql::CommitFile(temporary, file_name) < 0) {
         SendErrorCode(0, 3, "Open " + file_name + " failure! ");
         return -1;
     }
@@ -74,7 +80,46 @@ int ReadLine(std::FILE* file, char* buf) {
 
 }  // namespace
 
-int GetMatrixFromFile(std::string file_name, double* data, int max_rows, int cols, int* rows) {
+namespace {
+
+bool IsBlank(char c) { return c == ' ' || c == '\t'; }
+
+// Decodes one line of a file replayed on the arm: exactly n finite numbers
+// separated by "," (blanks around a number and a final carriage return
+// allowed). Empty on success, else what is wrong with the line.
+std::string DecodeStrictLine(char* line, double* values, int n) {
+    const size_t length = std::strlen(line);
+    if (length > 0 && line[length - 1] == '\r') line[length - 1] = '\0';
+    const char* p = line;
+    while (IsBlank(*p)) ++p;
+    if (*p == '\0') return "a blank line";
+    for (int i = 0; i < n; ++i) {
+        while (IsBlank(*p)) ++p;
+        char* end = nullptr;
+        const double v = std::strtod(p, &end);
+        if (end == p) {
+            if (*p == ',') return "an empty value at position " + std::to_string(i + 1);
+            if (*p == '\0') return std::to_string(i) + " numbers where " + std::to_string(n) + " belong";
+            return std::string("\"") + std::string(p, std::strcspn(p, ",")) + "\" is not a number";
+        }
+        if (!std::isfinite(v)) return std::string(p, static_cast<size_t>(end - p)) + " is not a finite number";
+        values[i] = v;
+        p = end;
+        while (IsBlank(*p)) ++p;
+        if (i + 1 < n && *p != ',') {
+            if (*p == '\0') return std::to_string(i + 1) + " numbers where " + std::to_string(n) + " belong";
+            return std::string("'") + *p + "' after number " + std::to_string(i + 1) + " where ',' belongs";
+        }
+        if (i + 1 < n) ++p;
+    }
+    if (*p != '\0') return "more than " + std::to_string(n) + " numbers";
+    return "";
+}
+
+// The reader of both: the described one decodes every line as DecodeCharLine
+// does; the strict one refuses the file at its first line that is not
+// exactly `cols` finite numbers.
+int ReadMatrix(const std::string& file_name, double* data, int max_rows, int cols, int* rows, bool strict) {
     if (cols < 0 || max_rows < 0 || (data == nullptr && max_rows > 0 && cols > 0)) {
         std::cout << "Read " << file_name << " refused: " << max_rows << " rows of " << cols << " columns." << std::endl;
         return -1;
@@ -90,12 +135,29 @@ int GetMatrixFromFile(std::string file_name, double* data, int max_rows, int col
     while (count < max_rows) {
         const int got = ReadLine(file, line);
         if (got == 0) break;
+        if (got < 0 && strict) {
+            std::cout << "Trajectory format error: " << file_name << " line " << count + 1 << ": longer than "
+                      << kMaxLineLength << " characters" << std::endl;
+            std::fclose(file);
+            return -1;
+        }
         if (got < 0) {
             std::cout << file_name << ": line " << count + 1 << " is longer than " << kMaxLineLength
                       << " characters; reading stops there." << std::endl;
             break;
         }
-        DecodeCharLine(line, data + static_cast<size_t>(count) * cols, cols);
+        double* row = data + static_cast<size_t>(count) * cols;
+        if (!strict) {
+            DecodeCharLine(line, row, cols);
+        } else {
+            const std::string wrong = DecodeStrictLine(line, row, cols);
+            if (!wrong.empty()) {
+                std::cout << "Trajectory format error: " << file_name << " line " << count + 1 << ": " << wrong
+                          << " (expected " << cols << " numbers separated by ',')" << std::endl;
+                std::fclose(file);
+                return -1;
+            }
+        }
         ++count;
     }
     if (count == max_rows && ReadLine(file, line) != 0)
@@ -107,4 +169,14 @@ int GetMatrixFromFile(std::string file_name, double* data, int max_rows, int col
         return -1;
     }
     return 0;
+}
+
+}  // namespace
+
+int GetMatrixFromFile(std::string file_name, double* data, int max_rows, int cols, int* rows) {
+    return ReadMatrix(file_name, data, max_rows, cols, rows, false);
+}
+
+int ReadTrajectoryForReplay(std::string file_name, double* data, int max_rows, int cols, int* rows) {
+    return ReadMatrix(file_name, data, max_rows, cols, rows, true);
 }

@@ -128,9 +128,10 @@ TEST(Teaching, CompensationFaultEndsTheRecordingWithoutSaving) {
     tqltest::EnvList env = kHand;
     env.push_back({"TQL_SIM_FAULT", "error:2:0x4:time:5"});  // joint 2 faults while the hand guides the arm
     const tqltest::HostRun rec = tqltest::RunHost(dir.path(), {"mode1"}, "start\n\n", env);
-    EXPECT_EQ(rec.exit_code, 0) << rec.out << rec.err;
+    EXPECT_EQ(rec.exit_code, 255) << rec.out << rec.err;
     EXPECT_NE(rec.out.find("Gravity Compensation error 1-3: Gravity Compensation error .\n"), std::string::npos)
         << rec.out;
+    EXPECT_NE(rec.out.find("Recording discarded: file/trajectory.txt is unchanged.\n"), std::string::npos) << rec.out;
     EXPECT_EQ(rec.out.find("Save to file"), std::string::npos) << rec.out;
     EXPECT_EQ(tqltest::ReadFile(dir.File("file/trajectory.txt")), before);
 }

@@ -152,7 +152,7 @@ TEST_F(DragTeach, DialogueEndings) {
         int type;
         bool compensation;
         std::vector<Answer> answers;
-        int lines;
+        int lines;          // of the program afterwards; -1: the previous program kept
         std::string said;  // in the output
         bool stop_message;
     } cases[] = {
@@ -162,13 +162,17 @@ TEST_F(DragTeach, DialogueEndings) {
         {1, true, with({{"bad"}}), 999, "The input is invalid. ", false},
         {1, true, with({{"MOVJ"}, {"bad"}}), 1000, "The input is invalid. ", false},
         {1, false, {{"MOVJ", &kB}}, 1, "No more input.\nStop recording.\n", true},  // nobody answers any more
-        {7, true, {{"MOVJ"}}, 0, "Wait to add...\n", false},
+        {7, true, {{"MOVJ"}}, -1, "Wait to add...\nNothing taught: file/data.txt is unchanged.\n", false},
     };
     for (const Case& c : cases) {
         GetCurrentRobot()->robot_type_ = c.type;
         GetResourceDate()->dynamics_switch = c.compensation;
+        const std::string before = ReadFile("file/data.txt");
         const std::string out = Teach(c.answers);
-        EXPECT_EQ(tqltest::CountOf(ReadFile("file/data.txt"), "\n"), c.lines) << c.said;
+        if (c.lines < 0)
+            EXPECT_EQ(ReadFile("file/data.txt"), before);
+        else
+            EXPECT_EQ(tqltest::CountOf(ReadFile("file/data.txt"), "\n"), c.lines) << c.said;
         EXPECT_NE(out.find(c.said), std::string::npos) << out.substr(0, 2000);
         EXPECT_EQ(out.find("Stop recording.") != std::string::npos, c.stop_message) << c.said;
         // Without compensation nobody is asked to hold the arm.
@@ -184,7 +188,7 @@ TEST_F(DragTeach, RefusedOutsideDragTeaching) {
     SetRunningMode(kReplayTrajectoryMode);
     std::string out;
     EXPECT_EQ(Quiet([] { return RecordContinuousPointInDragTeachMode(GetCurrentRobot(), "file/trajectory.txt"); }, &out),
-              0);
+              -1);
     EXPECT_EQ(tqltest::CountOf(out, "0-2: Current mode is not drag teaching mode"), 2) << out;  // both threads
     EXPECT_EQ(out.find("Recording"), std::string::npos);
     EXPECT_FALSE(GetSystemStatus());

@@ -1,6 +1,7 @@
 // The simulated actuator bus: discovery, enabling, position following in
 // virtual time, persistence between runs, injected faults, the flight
-// recorder, the per-thread virtual clock and the scripted operator's Ctrl-C.
+// recorder (position limits and the drives' peak current), the per-thread
+// virtual clock and the scripted operator's Ctrl-C.
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -173,6 +174,35 @@ TEST_F(SimBus, FlightRecorderWritesEveryCommandAndCountsLimitBreaches) {
         EXPECT_NE(csv.find(row), std::string::npos) << row << csv;
 }
 
+// A current set-point beyond the drive's peak (10 A, or its own
+// "peak_current.ID"), or not finite, counts as beyond limits; exactly the
+// peak does not. The drive delivers at most its peak, which a current-mode
+// reading (exact here) reports; a non-finite set-point changes nothing.
+TEST_F(SimBus, CurrentsBeyondThePeakAreCountedAndNotDelivered) {
+    WriteFile("sim.conf", ReadFile("sim.conf") + "peak_current.3 = 4\n");
+    Boot(Actuator::Mode_Cur);  // 12 commands
+    tql_sim_set_current_noise(0.0);
+    const struct {
+        int id;
+        double amps;
+        long beyond;  // counted so far
+        double read;
+    } rows[] = {{1, 9.5, 0, 9.5},        {1, 10.0, 0, 10.0},  {1, -10.0, 0, -10.0},      {1, 10.5, 1, 10.0},
+                {1, -25.0, 2, -10.0},    {1, std::nan(""), 3, -10.0}, {1, HUGE_VAL, 4, -10.0}, {3, 4.0, 4, 4.0},
+                {3, -4.5, 5, -4.0},      {2, 1e300, 6, 10.0}, {42, 99.0, 6, 0.0}};  // 42: no such actuator
+    for (const auto& r : rows) {
+        SCOPED_TRACE(testing::Message() << "actuator " << r.id << ", " << r.amps << " A");
+        Ctl()->setCurrent(r.id, r.amps);
+        EXPECT_EQ(tql_sim_current_beyond_peak_count(), r.beyond);
+        EXPECT_EQ(tql_sim_beyond_limit_count(), r.beyond);
+        EXPECT_EQ(Ctl()->getCurrent(r.id, true), r.read);
+    }
+    EXPECT_EQ(tql_sim_command_count(), 12 + 11);
+    tql_sim_reset();
+    EXPECT_EQ(tql_sim_current_beyond_peak_count(), 0);
+    EXPECT_EQ(tql_sim_beyond_limit_count(), 0);
+}
+
 TEST_F(SimBus, ProcessExitWritesStateAndOneSummaryLine) {
     std::fflush(nullptr);  // the child must not write this process's buffered output again
     const pid_t pid = fork();
@@ -184,13 +214,14 @@ TEST_F(SimBus, ProcessExitWritesStateAndOneSummaryLine) {
         Ctl()->enableActuatorInBatch(Lookup());
         Ctl()->setPosition(6, 0.001);
         Ctl()->setPosition(6, 30.0);
+        Ctl()->setCurrent(5, 10.5);  // beyond the peak too
         std::exit(0);
     }
     int status = 0;
     ASSERT_EQ(waitpid(pid, &status, 0), pid);
     ASSERT_TRUE(WIFEXITED(status));
-    EXPECT_EQ(ReadFile("child.err"), "sim: 8 commands, 1 beyond limits\n");
-    EXPECT_EQ(tqltest::CountOf(ReadFile("exit.csv"), "\n"), 9);
+    EXPECT_EQ(ReadFile("child.err"), "sim: 9 commands, 2 beyond limits\n");
+    EXPECT_EQ(tqltest::CountOf(ReadFile("exit.csv"), "\n"), 10);
     tql_sim_reset();  // this process now finds the state the child left
     EXPECT_DOUBLE_EQ(Ctl()->getPosition(6, true), 17.0) << "the set-point stops at the limit";
 }
