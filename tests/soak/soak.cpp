@@ -1,21 +1,30 @@
-// Seeded safety soak of motion programs and trajectory files on the simulated
-// arm.
+// Seeded safety soak of motion programs, trajectory files, hand guiding and
+// the identification run on the simulated arm.
 //
 // Every case boots a fresh simulated arm (virtual clock, pre-flight on) in a
 // scratch copy of the demo directory and runs one random job:
 //   - a motion program (file/data.txt) once in CYCLE, plain or blended, or
 //     walked in STEP with random FORWARD / BACKWARD answers;
-//   - a trajectory file replayed once.
-// Invariants of a case: no set-point beyond an actuator's limits, no crash and
-// no hang (a watchdog ends the process), a result of 0 or -1 with a known
-// refusal message, and a refused stream that sent none of its set-points (a
-// CYCLE run or a replay nothing at all; a STEP walk nothing of the refused step).
+//   - a trajectory file replayed once, now and then malformed or spiked;
+//   - hand guiding: the host's monitoring loop floating the arm under gravity
+//     compensation for a while, on the dynamic parameters (row 13 of the
+//     robot type's table) as built or spoiled;
+//   - the excitation of the identification run, on its coefficients (row 14)
+//     as built or spoiled.
+// Invariants of a case: no set-point beyond an actuator's limits and no
+// current beyond its peak, no crash and no hang (a watchdog ends the
+// process), a result of 0 or -1 with a known refusal message, and a refused
+// stream that sent none of its set-points (a CYCLE run or a replay nothing at
+// all; a STEP walk nothing of the refused step; hand guiding and the
+// excitation nothing when refused before motion). A malformed or spiked
+// trajectory file is refused; hand guiding leaves the arm held in position mode.
 //
 //   tql_soak [--runs N] [--seed S] [--case K] [--timeout SECONDS] [--list]
 //
 // Case K of seed S is the same job whatever the run count, so --case K
 // repeats it alone.
 #include <signal.h>
+#include <sqlite3.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -35,7 +44,9 @@
 #include <vector>
 
 #include "database.h"
+#include "dynamics.h"
 #include "execute.h"
+#include "interface.h"
 #include "interpolation.h"
 #include "program.h"
 #include "sim_control.h"
@@ -55,6 +66,7 @@ constexpr char kTrajectoryFile[] = "file/soak_trajectory.txt";
 constexpr double kJointSpeed[6] = {90, 90, 90, 120, 120, 120};
 constexpr double kSoftLimit = 170.0;
 constexpr double kActuatorSpeed = 300.0;
+constexpr double kPi = 3.14159265358979323846;
 // The actuators' angles are converted with the full pi (rad per degree).
 constexpr double kTrueDegree = 3.14159265358979323846 / 180;
 // Bus time a planned move or a replay should stay under at the case's
@@ -68,15 +80,22 @@ const char* const kRefusals[] = {
     "refused before motion",       "Format error",                "format error",
     "is illegal",                  "move preparation failed",     "ik error",
     "Shoulder singular",           "Wrist singularity",           "Elbow singularity",
-    "Program exit!",
+    "Program exit!",               "Parameter error",             "Trajectory format error",
+    "beyond peak current",         "Gravity Compensation error",
 };
+// Refusals made before anything moves: nothing may have been sent.
+const char* const kBeforeMotion[] = {"refused before motion", "Parameter error", "Trajectory format error"};
 
 class Dice {
 public:
     // 64-bit on every target: the board's long is 32 bits wide.
-    Dice(std::uint64_t seed, std::int64_t index) {
-        std::seed_seq seq{static_cast<unsigned>(seed), static_cast<unsigned>(seed >> 32),
-                          static_cast<unsigned>(index), static_cast<unsigned>(index >> 32)};
+    // Stream 0 is the case's original sequence; another stream is a sequence
+    // of its own for the same case, so drawing from it leaves stream 0 alone.
+    Dice(std::uint64_t seed, std::int64_t index, unsigned stream = 0) {
+        std::vector<unsigned> words{static_cast<unsigned>(seed), static_cast<unsigned>(seed >> 32),
+                                    static_cast<unsigned>(index), static_cast<unsigned>(index >> 32)};
+        if (stream != 0) words.push_back(stream);
+        std::seed_seq seq(words.begin(), words.end());
         engine_.seed(seq);
     }
     double Uniform(double lo, double hi) { return std::uniform_real_distribution<double>(lo, hi)(engine_); }
@@ -100,9 +119,12 @@ std::string List(const Joints& q) {
     return s;
 }
 
-enum class Job { kCycle, kBlended, kStep, kReplay };
-const char* const kJobNames[] = {"CYCLE", "CYCLE blended", "STEP", "replay"};
+enum class Job { kCycle, kBlended, kStep, kReplay, kHandGuiding, kExcitation };
+const char* const kJobNames[] = {"CYCLE", "CYCLE blended", "STEP", "replay", "hand guiding", "excitation"};
 const char* JobName(Job job) { return kJobNames[static_cast<int>(job)]; }
+// The draws of the hand-guiding and excitation cases and of the malformed
+// trajectory files (Dice stream), so the other cases stay as they were.
+constexpr unsigned kNewJobStream = 1;
 
 struct Case {
     long index = 0;
@@ -111,7 +133,10 @@ struct Case {
     Joints start{};                    // where the arm powers up, degrees
     std::string text;                  // the program or the trajectory file
     std::vector<std::string> answers;  // STEP: the operator's words
-    std::string note;                  // the trajectory's shape
+    std::string note;                  // the trajectory's shape, or the database rows used
+    bool must_refuse = false;          // a malformed or spiked trajectory file
+    double guide_seconds = 0.0;        // hand guiding: bus time the loop runs, s
+    std::string row13, row14;          // VALUE of rows 13 and 14 of GL_6L3; empty: as built
 };
 
 // Flange pose of a joint vector in degrees (position first, mm).
@@ -230,36 +255,274 @@ private:
     Joints at_;  // the previous target (first: where the arm stands), degrees
 };
 
-// A smooth random walk of joint samples (degrees, one per 4 ms), sometimes
-// with a jump, a spike past the soft limit, a slow drift past it, or faster
-// than the actuators allow.
+// A smooth random walk of joint samples (degrees, one per 4 ms) from rest to
+// rest, mostly within the demo arm's joint limits (90 deg/s, 180 deg/s^2 on
+// joints 1-3; a tenth a little beyond them, one in ten far faster, towards
+// the actuators' own limit), sometimes with a jump, a spike past the soft
+// limit or a slow drift past it.
 std::string WriteTrajectory(Dice& d, double override_, std::string* note) {
     const int period_ms = static_cast<int>(4.0 / override_);
     const int rows = d.Int(20, std::max(20, static_cast<int>(kReplaySeconds * 1000 / period_ms)));
-    const double vmax = d.Uniform(20, kActuatorSpeed * 1.07), amax = d.Uniform(100, 2000), dt = 0.004;
+    const double vmax = d.Chance(0.1) ? d.Uniform(250, kActuatorSpeed * 1.07) : d.Uniform(10, kJointSpeed[0] * 1.1);
+    const double amax = d.Uniform(20, 180 * 1.1), dt = 0.004;
     const int shape = d.Int(0, 99), joint = d.Int(0, 5), at = d.Int(0, rows - 1);
     const double jump = d.Sign() * d.Uniform(1.5, 20);
     const double edge = d.Sign() * (d.Chance(0.3) ? kSoftLimit : d.Uniform(kSoftLimit - 4, kSoftLimit + 4));
-    *note = "rows " + std::to_string(rows) + ", vmax " + Number(vmax) + " deg/s, " +
-            (shape < 80 ? "smooth" : shape < 87 ? "jump" : shape < 92 ? "spike" : "drift") + " on joint " +
-            std::to_string(joint + 1) + " at sample " + std::to_string(at + 1);
+    *note = "rows " + std::to_string(rows) + ", vmax " + Number(vmax) + " deg/s, amax " + Number(amax) +
+            " deg/s^2, " + (shape < 80 ? "smooth" : shape < 87 ? "jump" : shape < 92 ? "spike" : "drift") +
+            " on joint " + std::to_string(joint + 1) + " at sample " + std::to_string(at + 1);
     Joints q, v{};
     for (double& x : q) x = d.Uniform(-100, 100);
     const double drift = (edge - q[joint]) / rows;
     std::string text;
-    for (int k = 0; k < rows; ++k) {
+    // The walk, then the braking tail that brings every joint to rest.
+    for (int k = 0; k < rows || v != Joints{}; ++k) {
         for (int j = 0; j < 6; ++j) {
-            v[j] = std::clamp(v[j] + d.Uniform(-1, 1) * amax * dt, -vmax, vmax);
-            if (std::fabs(q[j]) > 150) v[j] = -std::copysign(std::fabs(v[j]), q[j]);
+            const double pull = std::fabs(q[j]) > 140 ? -std::copysign(amax * dt, q[j]) : 0.0;  // back from the edge
+            if (k < rows)
+                v[j] = std::clamp(v[j] + (pull != 0.0 ? pull : d.Uniform(-1, 1) * amax * dt), -vmax, vmax);
+            else
+                v[j] = std::fabs(v[j]) <= amax * dt ? 0.0 : v[j] - std::copysign(amax * dt, v[j]);
             q[j] += v[j] * dt;
         }
         if (shape >= 80 && shape < 87 && k == at) q[joint] += jump;
-        if (shape >= 92) q[joint] += drift;
+        if (shape >= 92 && k < rows) q[joint] += drift;
         Joints sample = q;
         if (shape >= 87 && shape < 92 && k == at) sample[joint] = edge + std::copysign(5.0, edge);
         text += List(sample) + "\n";
     }
     return text;
+}
+
+std::vector<std::string> Split(const std::string& text, char separator) {
+    std::vector<std::string> parts;
+    size_t start = 0;
+    for (size_t at; (at = text.find(separator, start)) != std::string::npos; start = at + 1)
+        parts.push_back(text.substr(start, at - start));
+    parts.push_back(text.substr(start));
+    return parts;
+}
+
+std::string Join(const std::vector<std::string>& parts, const std::string& separator) {
+    std::string text;
+    for (size_t k = 0; k < parts.size(); ++k) text += (k ? separator : "") + parts[k];
+    return text;
+}
+
+// A trajectory every replay would accept: each joint from rest to rest along
+// a raised cosine, its swing kept so that speed and acceleration stay within
+// half the database's joint limits (90 deg/s, 180 deg/s^2) at 4 ms a sample,
+// the fastest period (a slower override only lowers them).
+std::string GentleTrajectory(Dice& d, std::string* note) {
+    const int rows = d.Int(50, 600);
+    const double n = rows - 1;
+    // Per sample: peak step swing * pi / 2n, peak second difference swing * pi^2 / 2n^2.
+    const double most = std::min({30.0, 45 * 0.004 * 2 * n / kPi, 90 * 0.004 * 0.004 * 2 * n * n / (kPi * kPi)});
+    Joints from, swing;
+    for (int j = 0; j < 6; ++j) {
+        from[j] = d.Uniform(-100, 100);
+        swing[j] = d.Uniform(-1, 1) * most;
+    }
+    std::string text;
+    for (int k = 0; k < rows; ++k) {
+        Joints q;
+        for (int j = 0; j < 6; ++j) q[j] = from[j] + swing[j] * 0.5 * (1 - std::cos(kPi * k / n));
+        text += List(q) + "\n";
+    }
+    *note = "rows " + std::to_string(rows) + ", a raised cosine of up to " + Number(most) + " deg on every joint";
+    return text;
+}
+
+// A gentle trajectory with one line spoiled so that it must be refused before
+// anything moves: a blank line (at the start, in the middle or at the end),
+// a line with another separator, with text, with a value missing or one too
+// many, with a value that is not finite, or a spike of 1 .. 5 degrees on one
+// joint for one sample. The spike stays inside the soft limits, but its step
+// there and back is beyond every joint's acceleration limit (180 deg/s^2 at
+// most) even at the slowest period of 40 ms; half the spikes stay under 1.15
+// degrees, a step the actuators' own 300 deg/s over 4 ms would let pass.
+void Malform(Dice& d, Case* c) {
+    c->text = GentleTrajectory(d, &c->note);
+    std::vector<std::string> lines = Split(c->text, '\n');
+    lines.pop_back();  // after the final newline
+    const int rows = static_cast<int>(lines.size());
+    const int at = d.Chance(0.2) ? 0 : d.Chance(0.25) ? rows - 1 : d.Int(0, rows - 1);
+    const int field = d.Int(0, 5);
+    std::vector<std::string> fields = Split(lines[at], ',');
+    std::string what;
+    switch (d.Int(0, 6)) {
+    case 0: {
+        const int where = d.Int(0, 2);
+        const int blank = where == 0 ? 0 : where == 1 ? d.Int(1, rows - 1) : rows;
+        lines.insert(lines.begin() + blank, "");
+        c->text = Join(lines, "\n") + "\n";
+        c->note += ", then a blank line as line " + std::to_string(blank + 1);
+        c->must_refuse = true;
+        return;
+    }
+    case 1: {
+        const char* const separators[] = {";", " ", "\t"};
+        const int which = d.Int(0, 2);
+        const bool all = d.Chance(0.5);  // else only the one after joint 1 + field % 5
+        lines[at] = fields[0];
+        for (int k = 1; k < static_cast<int>(fields.size()); ++k)
+            lines[at] += (all || k == 1 + field % 5 ? separators[which] : ",") + fields[k];
+        what = std::string(all ? "every" : "one") + " separator " + (which == 0 ? "';'" : which == 1 ? "' '" : "tab");
+        break;
+    }
+    case 2:
+        if (d.Chance(0.5)) {
+            fields = {"abc"};
+            what = "the text abc";
+        } else {
+            fields[field] = "abc";
+            what = "the text abc for joint " + std::to_string(field + 1);
+        }
+        lines[at] = Join(fields, ",");
+        break;
+    case 3:
+        fields.erase(fields.begin() + field);
+        lines[at] = Join(fields, ",");
+        what = "joint " + std::to_string(field + 1) + " missing";
+        break;
+    case 4:
+        lines[at] += "," + Number(d.Uniform(-100, 100));
+        what = "a 7th value";
+        break;
+    case 5: {
+        const char* const words[] = {"nan", "inf", "-inf"};
+        fields[field] = words[d.Int(0, 2)];
+        lines[at] = Join(fields, ",");
+        what = fields[field] + " for joint " + std::to_string(field + 1);
+        break;
+    }
+    default: {
+        const double q = std::strtod(fields[field].c_str(), nullptr);
+        double spike = d.Sign() * (d.Chance(0.5) ? d.Uniform(1, 1.15) : d.Uniform(1.15, 5));
+        if (std::fabs(q + spike) > kSoftLimit - 5) spike = -spike;
+        fields[field] = Number(q + spike);
+        lines[at] = Join(fields, ",");
+        what = "a spike of " + Number(spike) + " deg on joint " + std::to_string(field + 1);
+        break;
+    }
+    }
+    c->text = Join(lines, "\n") + "\n";
+    c->note += ", then " + what + " at line " + std::to_string(at + 1);
+    c->must_refuse = true;
+}
+
+// Rows 13 (the dynamic parameters: 36 base parameters, then a viscous and a
+// Coulomb friction coefficient per joint) and 14 (the excitation
+// coefficients, radians, per joint q0, a1..a5, b1..b5) of the demo arm's table
+// in the scratch parameter.db: what the build wrote, and what a case boots on.
+class ModelRows {
+public:
+    ModelRows() {
+        for (int row : {13, 14}) {
+            built_[row - 13] = written_[row - 13] = Value(row);
+            const std::string& text = built_[row - 13];
+            for (const std::string& v : Split(text.substr(1, text.size() - 2), ','))
+                values_[row - 13].push_back(std::strtod(v.c_str(), nullptr));
+        }
+    }
+    bool Read() const { return values_[0].size() > 1 && values_[1].size() > 1; }
+    const std::vector<double>& Built(int row) const { return values_[row - 13]; }
+    // The case's rows, the built ones where it keeps them. False on failure.
+    bool Write(const Case& c) {
+        const std::string* wanted[] = {&c.row13, &c.row14};
+        for (int k = 0; k < 2; ++k) {
+            const std::string& value = wanted[k]->empty() ? built_[k] : *wanted[k];
+            if (value == written_[k]) continue;
+            if (!tqltest::ExecSql("parameter.db", "UPDATE GL_6L3 SET VALUE = '" + value +
+                                                      "' WHERE ID = " + std::to_string(13 + k) + ";"))
+                return false;
+            written_[k] = value;
+        }
+        return true;
+    }
+    static std::string Text(const std::vector<double>& values) {
+        std::vector<std::string> words;
+        for (double v : values) words.push_back(Number(v));  // "nan" for a NaN
+        return "[" + Join(words, ",") + "]";
+    }
+
+private:
+    static std::string Value(int row) {
+        sqlite3* db = nullptr;
+        sqlite3_stmt* query = nullptr;
+        std::string value;
+        if (sqlite3_open_v2("parameter.db", &db, SQLITE_OPEN_READONLY, nullptr) == SQLITE_OK &&
+            sqlite3_prepare_v2(db, "SELECT VALUE FROM GL_6L3 WHERE ID = ?1", -1, &query, nullptr) == SQLITE_OK &&
+            sqlite3_bind_int(query, 1, row) == SQLITE_OK && sqlite3_step(query) == SQLITE_ROW)
+            value = reinterpret_cast<const char*>(sqlite3_column_text(query, 0));
+        sqlite3_finalize(query);
+        sqlite3_close(db);
+        return value.size() >= 2 ? value : "[]";
+    }
+
+    std::string built_[2], written_[2];
+    std::vector<double> values_[2];
+};
+
+// Row 13 as built, scaled by 10^U(-1, 2.5), with one entry huge or not a
+// number, or all zero (nothing compensated: the arm sinks when let go).
+std::string SpoilDynamicRow(Dice& d, std::vector<double> v, std::string* note) {
+    const int kind = d.Int(0, 9), entry = d.Int(0, static_cast<int>(v.size()) - 1);
+    if (kind < 3) {
+        *note = "row 13 as built";
+        return "";
+    }
+    if (kind < 7) {
+        const double scale = std::pow(10.0, d.Uniform(-1, 2.5));
+        for (double& x : v) x *= scale;
+        *note = "row 13 scaled by " + Number(scale);
+    } else if (kind < 9) {
+        v[entry] = d.Chance(0.5) ? 1e9 : std::nan("");
+        *note = "row 13 entry " + std::to_string(entry + 1) + " = " + Number(v[entry]);
+    } else {
+        v.assign(v.size(), 0.0);
+        *note = "row 13 all 0";
+    }
+    return ModelRows::Text(v);
+}
+
+// Row 14 as built, scaled by U(0.5, 60), or with one coefficient U(1, 50)
+// rad or not a number.
+std::string SpoilExcitationRow(Dice& d, std::vector<double> v, std::string* note) {
+    const int kind = d.Int(0, 9), entry = d.Int(0, static_cast<int>(v.size()) - 1);
+    if (kind < 4) {
+        *note = "row 14 as built";
+        return "";
+    }
+    if (kind < 7) {
+        const double scale = d.Uniform(0.5, 60);
+        for (double& x : v) x *= scale;
+        *note = "row 14 scaled by " + Number(scale);
+    } else {
+        v[entry] = kind < 9 ? d.Sign() * d.Uniform(1, 50) : std::nan("");
+        *note = "row 14 coefficient " + std::to_string(entry + 1) + " = " + Number(v[entry]);
+    }
+    return ModelRows::Text(v);
+}
+
+// Picks a hand-guiding or an excitation case (a quarter of the cases) with
+// its database rows; false for the other jobs.
+bool MakeNewJobCase(Dice& d, long index, const Joints& start, const ModelRows& model, Case* c) {
+    const int pick = d.Int(0, 99);
+    if (pick >= 26) return false;
+    c->index = index;
+    c->start = start;
+    c->override_ = 1.0;  // the excitation at 4 ms a sample: about 12 s of bus time
+    if (pick < 13) {
+        c->job = Job::kHandGuiding;
+        c->row13 = SpoilDynamicRow(d, model.Built(13), &c->note);
+        c->guide_seconds = d.Uniform(0.5, 2.0);
+        c->note += ", guided for " + Number(c->guide_seconds) + " s";
+    } else {
+        c->job = Job::kExcitation;
+        c->row14 = SpoilExcitationRow(d, model.Built(14), &c->note);
+    }
+    return true;
 }
 
 // Where the arm powers up: at zero (its first power-up) or, 40 % of the
@@ -320,14 +583,57 @@ struct Outcome {
     int result = 0;
     std::string out, err;
     long beyond = 0;
+    long beyond_peak = 0;      // of those, current set-points beyond the peak current
     long sent = 0;             // set-points of actuator 1 during the job
     long sent_by_refused = 0;  // of those, sent by the refused run or step
     bool step_walk_ended = false;
+    int floating = 0;          // hand guiding: an actuator left out of position mode, 0 for none
 };
+
+// The host of hand guiding: the monitoring loop runs on the soak's thread
+// and the library's sleeps (every motion loop's) come through SoakSleep.
+// While a guide is armed, the first sleep with actuator 1 in current mode
+// (the arm let go) starts its clock, and the first wake `seconds` of bus time
+// later presses the host's button from another thread: SetRunningMode, which
+// ends the loop. So the loop runs on the virtual clock alone and its length
+// is the same on every run of the case.
+struct Guide {
+    std::atomic<bool> armed{false};
+    double seconds = 0.0;
+    double from = -1.0;  // bus time the arm was let go, s; -1: not yet
+};
+Guide guide;
+
+void SoakSleep(double seconds) {
+    const bool armed = guide.armed;
+    if (armed && guide.from < 0 && tql_sim_actuator_mode(1) == Actuator::Mode_Cur) guide.from = tql_sim_now();
+    tql_sim_sleep(seconds);
+    if (armed && guide.from >= 0 && tql_sim_now() - guide.from >= guide.seconds) {
+        guide.armed = false;
+        std::thread([] { SetRunningMode(kReplayTrajectoryMode); }).join();
+    }
+}
+
+// Hand guiding for `seconds` after the arm is let go. The running mode is
+// drag teaching again afterwards, as every case expects.
+int GuideByHand(double seconds) {
+    SetRunningMode(kDragTeachingMode);
+    InitStopFlag();
+    guide.seconds = seconds;
+    guide.from = -1.0;
+    guide.armed = true;
+    const int result = RealTimeMonitoringStartButton();
+    guide.armed = false;
+    SetRunningMode(kDragTeachingMode);
+    InitStopFlag();
+    return result;
+}
 
 int RunJob(const Case& c, ScriptedAnswers* answers) {
     SetReplayOverride(c.override_);
     if (c.job == Job::kReplay) return MoveTrajectory(GetCurrentRobot(), kTrajectoryFile, false);
+    if (c.job == Job::kHandGuiding) return GuideByHand(c.guide_seconds);
+    if (c.job == Job::kExcitation) return MoveExcitationTrajectories(GetCurrentRobot(), 1);
     SetOperationCycleMode(c.job == Job::kStep ? STEP : CYCLE);
     SetSmoothReplay(c.job == Job::kBlended);
     std::streambuf* keyboard = std::cin.rdbuf(answers);
@@ -350,7 +656,7 @@ std::string BootFresh(const Joints& start) {
     tqltest::WriteFile("sim_state.txt", state);
     std::string out;
     testing::internal::CaptureStderr();  // the database's greeting
-    const int booted = tqltest::BootSimulatedArm(nullptr, &out);
+    const int booted = tqltest::BootSimulatedArm(&SoakSleep, &out);
     out += testing::internal::GetCapturedStderr();
     if (booted != 0 || !GetResourceDate()->preflight_switch) return out;
     const Joints q = tqltest::CurrentJoints();
@@ -361,7 +667,8 @@ std::string BootFresh(const Joints& start) {
 
 // Writes the case's file and runs it quietly on the booted arm.
 void Run(const Case& c, Outcome* o) {
-    tqltest::WriteFile(c.job == Job::kReplay ? kTrajectoryFile : kProgramFile, c.text);
+    if (c.job == Job::kReplay) tqltest::WriteFile(kTrajectoryFile, c.text);
+    if (c.job <= Job::kStep) tqltest::WriteFile(kProgramFile, c.text);
     ScriptedAnswers answers(c.answers);
     const long before = tql_sim_setpoint_count(1);
     testing::internal::CaptureStderr();
@@ -369,9 +676,21 @@ void Run(const Case& c, Outcome* o) {
     o->err = testing::internal::GetCapturedStderr();
     const long after = tql_sim_setpoint_count(1);
     o->beyond = tql_sim_beyond_limit_count();
+    o->beyond_peak = tql_sim_current_beyond_peak_count();
     o->sent = after - before;
     o->step_walk_ended = answers.Given() == c.answers.size() && o->out.find("Program exit!") != std::string::npos;
     o->sent_by_refused = c.job == Job::kStep ? after - answers.SentWhenAsked() : o->sent;
+    for (int id = 6; id >= 1 && c.job == Job::kHandGuiding; --id)
+        if (tql_sim_actuator_mode(id) != Actuator::Mode_Pos) o->floating = id;
+}
+
+// A boot that refused the case's database rows: nothing may have moved.
+void RefusedAtBoot(const std::string& boot, Outcome* o) {
+    o->result = -1;
+    o->out = boot;
+    o->beyond = tql_sim_beyond_limit_count();
+    o->beyond_peak = tql_sim_current_beyond_peak_count();
+    o->sent = o->sent_by_refused = tql_sim_setpoint_count(1);
 }
 
 // The first output line holding a known refusal message, or empty.
@@ -384,15 +703,27 @@ std::string KnownRefusal(const std::string& out) {
     return out.substr(from, out.find('\n', first) - from);
 }
 
-// The broken invariant, or empty. *accepted: the job ran to its end.
+// The broken invariant, or empty. *accepted: the job ran to its end (hand
+// guiding: without a refusal on the way, since the loop ends with 0 after a
+// fault too).
 std::string Judge(const Case& c, const Outcome& o, bool* accepted) {
-    *accepted = o.result == 0 || (c.job == Job::kStep && o.step_walk_ended);
+    const std::string refusal = KnownRefusal(o.out);
+    *accepted = (o.result == 0 && (c.job != Job::kHandGuiding || refusal.empty())) ||
+                (c.job == Job::kStep && o.step_walk_ended);
+    if (o.beyond_peak != 0)
+        return std::to_string(o.beyond_peak) + " current set-points beyond the actuators' peak current";
     if (o.beyond != 0) return std::to_string(o.beyond) + " set-points beyond the actuators' limits";
     if (!o.err.empty()) return "standard error: " + o.err;
     if (o.result != 0 && o.result != -1) return "result " + std::to_string(o.result);
-    if (*accepted) return "";
-    if (KnownRefusal(o.out).empty()) return "-1 without a known refusal message";
-    if (o.sent_by_refused != 0)
+    if (o.floating != 0)
+        return "the arm left floating: actuator " + std::to_string(o.floating) + " not in position mode";
+    if (*accepted) return c.must_refuse ? "a trajectory file that must be refused was replayed" : "";
+    if (refusal.empty()) return std::to_string(o.result) + " without a known refusal message";
+    // Hand guiding and the excitation move the arm before they can fail on
+    // the way; only their refusals before motion must have sent nothing.
+    bool before_motion = c.job != Job::kHandGuiding && c.job != Job::kExcitation;
+    for (const char* text : kBeforeMotion) before_motion = before_motion || o.out.find(text) != std::string::npos;
+    if (o.sent_by_refused != 0 && before_motion)
         return "refused after " + std::to_string(o.sent_by_refused) + " set-points of actuator 1" +
                (c.job == Job::kStep ? " in the refused step" : "");
     return "";
@@ -423,6 +754,7 @@ std::string Describe(unsigned long seed, const Case& c, const std::string& saved
     }
     if (c.job == Job::kReplay)
         return s + "  trajectory (" + c.note + ")" + (saved.empty() ? "" : " in " + saved) + "\n";
+    if (c.job > Job::kReplay) return s + "  " + c.note + "\n";
     return s + "  " + kProgramFile + ":\n" + c.text;
 }
 
@@ -522,6 +854,11 @@ int main(int argc, char** argv) {
     for (const char* name : {"TQL_SIM_INTERRUPT", "TQL_SIM_HAND", "TQL_SIM_URDF", "TQL_SIM_NOISE"}) unsetenv(name);
     const fs::path launch_dir = fs::current_path();
     tqltest::ScratchDir dir;
+    ModelRows model;
+    if (!model.Read()) {
+        std::fprintf(stderr, "tql_soak: no rows 13 and 14 of GL_6L3 in %s/parameter.db\n", dir.path().c_str());
+        return 2;
+    }
     std::thread(Watch, opt.timeout_s).detach();
     std::string note;
     auto watch = [&](const std::string& text) {  // (re)starts the case's wall-time limit
@@ -536,20 +873,27 @@ int main(int argc, char** argv) {
     for (long k = first; k < last; ++k, ++runs) {
         const std::string head = "  seed " + std::to_string(opt.seed) + " case " + std::to_string(k) + "\n";
         watch(head + "  (booting)\n");
-        Dice dice(opt.seed, k);
+        Dice dice(opt.seed, k), fresh(opt.seed, k, kNewJobStream);
         const Joints start = StartPose(dice);
-        const std::string boot = BootFresh(start);
         Case c;
+        const bool new_job = MakeNewJobCase(fresh, k, start, model, &c);
+        const bool rows_written = model.Write(c);
+        const std::string boot = BootFresh(start);
         tqltest::Quiet([&] {  // after the boot: uses the robot's kinematics
-            c = MakeCase(dice, k, start);
+            if (!new_job) c = MakeCase(dice, k, start);
+            if (c.job == Job::kReplay && fresh.Chance(0.5)) Malform(fresh, &c);
             return 0;
         });
         watch(head + Describe(opt.seed, c, ""));
         Outcome o;
         bool accepted = false;
+        // Spoiled rows may be refused by the boot already.
+        const bool refused_at_boot = new_job && boot.find("Parameter error") != std::string::npos;
         if (boot.empty()) Run(c, &o);
-        const std::string why =
-            boot.empty() ? Judge(c, o, &accepted) : "no boot with the pre-flight on at the power-up pose: " + boot;
+        if (refused_at_boot) RefusedAtBoot(boot, &o);
+        std::string why = "no boot with the pre-flight on at the power-up pose: " + boot;
+        if (boot.empty() || refused_at_boot) why = Judge(c, o, &accepted);
+        if (!rows_written) why = "cannot write the case's rows into parameter.db";
         deadline = 0;
         if (!why.empty()) ++violations, ReportViolation(opt.seed, c, o, why, launch_dir);
         else ++(accepted ? accepted_runs : refused_runs);
