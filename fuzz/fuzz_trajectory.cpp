@@ -1,6 +1,9 @@
-// Trajectory file reader. Input: byte 0 picks the row capacity (1..16), byte 1
+// Trajectory file readers. Input: byte 0 picks the row capacity (1..16), byte 1
 // the columns (1..8), the rest is the file. The sample matrix is a heap block
-// of exactly rows x columns; every line also goes through DecodeCharLine alone.
+// of exactly rows x columns, read by the described reader and by the replay's
+// strict one (which must refuse or deliver only finite numbers); every line
+// also goes through DecodeCharLine alone.
+#include <cmath>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
@@ -26,6 +29,13 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     int rows = 0;
     GetMatrixFromFile(path, samples.get(), max_rows, cols, &rows);
     if (rows < 0 || rows > max_rows) __builtin_trap();
+
+    rows = 0;
+    if (ReadTrajectoryForReplay(path, samples.get(), max_rows, cols, &rows) == 0) {
+        if (rows < 1 || rows > max_rows) __builtin_trap();
+        for (int i = 0; i < rows * cols; ++i)
+            if (!std::isfinite(samples[i])) __builtin_trap();
+    }
 
     std::unique_ptr<double[]> values(new double[cols]);
     for (const auto& line : tqlfuzz::Lines(data, size)) DecodeCharLine(line.get(), values.get(), cols);

@@ -133,6 +133,13 @@ int CheckDynamicParameters(Robot* robot) {
             return RefuseParameterRow(rd->robot_type, kDynamicRow, text.str());
         }
     }
+    // An arm let go on a model of nothing falls: a row never identified holds zeros.
+    bool identified = false;
+    for (int i = 0; i < kBaseParameterNum; ++i) identified = identified || rd->dynamic_parameters[i] != 0.0;
+    if (!identified)
+        return RefuseParameterRow(rd->robot_type, kDynamicRow,
+                                  ": no identified parameters (all zero); identify the arm first (tql admin, "
+                                  "tql-identify --write)");
     // Joint 1 turns about the vertical: gravity's torques do not depend on it.
     double grid[kDynamicsJointNum][5];
     int counts[kDynamicsJointNum] = {1, 0, 0, 0, 0, 0};
@@ -158,14 +165,30 @@ int CheckDynamicParameters(Robot* robot) {
         while (j < kDynamicsJointNum && ++index[j] >= counts[j]) index[j++] = 0;
         if (j == kDynamicsJointNum) break;
     }
-    if (worst_joint < 0 || worst_ratio <= 1.0) return 0;
-    const LinkUnit& joint = robot->link_[worst_joint];
-    std::ostringstream text;
-    text << ": joint " << worst_joint + 1 << " needs " << std::fabs(worst_torque) << " N*m at (";
-    for (int k = 0; k < kDynamicsJointNum; ++k) text << (k ? ", " : "") << worst_q[k] * kRadToDeg + 0.0;
-    text << ") degrees, beyond its peak torque " << joint.PeakTorque() << " N*m (" << joint.peak_current_ << " A)";
-    if (GravityGain() != 1.0) text << " with the gravity gain " << GravityGain();
-    return RefuseParameterRow(rd->robot_type, kDynamicRow, text.str());
+    if (worst_joint >= 0 && worst_ratio > 1.0) {
+        const LinkUnit& joint = robot->link_[worst_joint];
+        std::ostringstream text;
+        text << ": joint " << worst_joint + 1 << " needs " << std::fabs(worst_torque) << " N*m at (";
+        for (int k = 0; k < kDynamicsJointNum; ++k) text << (k ? ", " : "") << worst_q[k] * kRadToDeg + 0.0;
+        text << ") degrees, beyond its peak torque " << joint.PeakTorque() << " N*m (" << joint.peak_current_
+             << " A)";
+        if (GravityGain() != 1.0) text << " with the gravity gain " << GravityGain();
+        return RefuseParameterRow(rd->robot_type, kDynamicRow, text.str());
+    }
+    // Friction at the joint's speed limit must be a torque the drive can give.
+    for (int j = 0; j < kDynamicsJointNum; ++j) {
+        const double viscous = rd->dynamic_parameters[kBaseParameterNum + j];
+        const double coulomb = rd->dynamic_parameters[kBaseParameterNum + kDynamicsJointNum + j];
+        const double friction = std::fabs(viscous) * robot->link_[j].joint_speed_data_.speed + std::fabs(coulomb);
+        if (!(friction <= robot->link_[j].PeakTorque())) {
+            std::ostringstream text;
+            text << ": joint " << j + 1 << "'s friction (viscous " << viscous << ", Coulomb " << coulomb
+                 << ") gives " << friction << " N*m at its speed limit, beyond its peak torque "
+                 << robot->link_[j].PeakTorque() << " N*m";
+            return RefuseParameterRow(rd->robot_type, kDynamicRow, text.str());
+        }
+    }
+    return 0;
 }
 
 void InitC() {

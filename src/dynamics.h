@@ -78,9 +78,10 @@ double signd(double x);
 
 // Checks the dynamic parameters (row 13 of the robot type's table) before a
 // mode uses the model (hand guiding, teaching, collision detection): every
-// value finite, and the compensation torques (static torques times the
-// gravity gain) within every joint's peak torque over a grid of poses inside
-// the soft limits. 0 (also for robots without a model), or -1 after a
+// value finite, not all zero (never identified), each joint's friction at its
+// speed limit and the compensation torques (static torques times the gravity
+// gain) over a grid of poses inside the soft limits within every joint's
+// peak torque. 0 (also for robots without a model), or -1 after a
 // "Parameter error" naming the row, the joint and the worst pose.
 int CheckDynamicParameters(Robot* robot);
 

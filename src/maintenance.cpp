@@ -166,6 +166,7 @@ int Tutorials(Robot* robot) {
         print_array(zero, 6);
     }
     std::cout << "Demonstration action:" << std::endl;
+    bool refused = false;
     for (;;) {
         PrintMenu();
         const std::string word = ReadWord();
@@ -185,7 +186,12 @@ int Tutorials(Robot* robot) {
             std::cout << "Input error." << std::endl;
             continue;
         }
-        if (result < 0) break;
+        if (result < 0) {
+            // The operator's Ctrl-C ends a demonstration as it should; a
+            // refusal or a fault fails the procedure, after the way home.
+            refused = !GetStopFlag();
+            break;
+        }
         std::cout << "Done" << std::endl;
     }
     tql::SleepMilliseconds(500);
@@ -193,5 +199,5 @@ int Tutorials(Robot* robot) {
     std::cout << "Please hold the arm with your hand " << "and then press enter to turn off the robot ..." << std::endl;
     WaitForEnter(true);
     ShutDown();
-    return 0;
+    return refused ? -1 : 0;
 }

@@ -49,7 +49,7 @@ TEST(FaultDrill, EachFaultEndsTheJobWithItsMessageAndNothingAfterIt) {
         const char* mode;
         tqltest::EnvList env;
         const char* said;
-        double fault_time;  // bus time of the fault (-1: before any motion, 0: actuator 3's 200th set-point)
+        double fault_time;  // bus time of the fault (-1: before any motion, 0: at actuator 3's set-point count)
     } drills[] = {
         // Locked rotor on joint 3 at its 200th set-point, which it refuses.
         {"error word mid-move", "mode4", {{"TQL_SIM_FAULT", "error:3:0x4:setpoint:200"}}, "ID 3 error : 4\n", 0},
@@ -57,6 +57,11 @@ TEST(FaultDrill, EachFaultEndsTheJobWithItsMessageAndNothingAfterIt) {
         {"actuator stops answering", "mode4", {{"TQL_SIM_FAULT", "error:2:0x801:time:2.25"}}, "ID 2 error : 801\n",
          2.25},
         {"operator's Ctrl-C", "mode4", {{"TQL_SIM_INTERRUPT", "3.013"}}, "", 3.013},
+        // The same during a replay and the identification run: their ticks too
+        // go out whole, so joints 1 and 2 get nothing after joint 3's fault.
+        {"error word mid-replay", "mode2", {{"TQL_SIM_FAULT", "error:3:0x4:setpoint:200"}}, "ID \x03 error : 4\n", 0},
+        {"error word mid-excitation", "admin", {{"TQL_SIM_FAULT", "error:3:0x4:setpoint:3000"}},
+         "ID \x03 error : 4\n", 0},
         {"save failure", "reset", {{"TQL_SIM_FAULT", "save_failure"}}, "Save parameters failed!\n", -1},
         // The identification run stopped half-way: nothing is written.
         {"Ctrl-C while recording", "admin", {{"TQL_SIM_INTERRUPT", "20"}}, "", 20},
@@ -73,9 +78,11 @@ TEST(FaultDrill, EachFaultEndsTheJobWithItsMessageAndNothingAfterIt) {
         const std::vector<double> times = SetPointTimes(rec);
         double fault = d.fault_time;
         if (fault == 0) {
+            const size_t count = std::stoul(d.env[0].second.substr(d.env[0].second.rfind(':') + 1));
             const std::vector<double> joint3 = SetPointTimes(rec, 3);
-            ASSERT_EQ(joint3.size(), 200u) << d.name;
+            ASSERT_EQ(joint3.size(), count) << d.name;
             fault = joint3.back();
+            for (int id = 1; id <= 6; ++id) EXPECT_EQ(SetPointTimes(rec, id).size(), count) << d.name << " " << id;
         }
         if (fault < 0)
             EXPECT_TRUE(times.empty()) << d.name;

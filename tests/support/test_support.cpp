@@ -151,7 +151,9 @@ std::string HostLauncherPrefix() {
 
 HostRun RunHostInterrupted(const std::string& dir, const std::vector<std::string>& args,
                            const std::string& stdin_text, const EnvList& env, const std::string& interrupt_after,
-                           double timeout_s) {
+                           double timeout_s, bool hold_stdin) {
+    int held[2] = {-1, -1};
+    if (hold_stdin && pipe(held) != 0) throw std::runtime_error("pipe failed");
     const std::string in_path = dir + "/.stdin.txt", out_path = dir + "/.stdout.txt", err_path = dir + "/.stderr.txt";
     WriteFile(in_path, stdin_text);
     // The command line is built before fork: the child only redirects and execs.
@@ -165,7 +167,8 @@ HostRun RunHostInterrupted(const std::string& dir, const std::vector<std::string
     if (pid < 0) throw std::runtime_error("fork failed");
     if (pid == 0) {
         if (chdir(dir.c_str()) != 0) _exit(127);
-        const int fin = open(in_path.c_str(), O_RDONLY);
+        const int fin = hold_stdin ? held[0] : open(in_path.c_str(), O_RDONLY);
+        if (hold_stdin) close(held[1]);
         const int fout = open(out_path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
         const int ferr = open(err_path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
         if (fin < 0 || fout < 0 || ferr < 0 || dup2(fin, 0) < 0 || dup2(fout, 1) < 0 || dup2(ferr, 2) < 0) _exit(127);
@@ -175,6 +178,12 @@ HostRun RunHostInterrupted(const std::string& dir, const std::vector<std::string
         // A launcher (an emulator) is looked up on PATH; the host path is absolute.
         execvp(argv[0], argv.data());
         _exit(127);
+    }
+    if (hold_stdin) {
+        close(held[0]);
+        signal(SIGPIPE, SIG_IGN);  // a host that ended early is reported by its status
+        if (write(held[1], stdin_text.data(), stdin_text.size()) != static_cast<ssize_t>(stdin_text.size()))
+            throw std::runtime_error("writing the host's input failed");
     }
     // Wall time, bounded. Once interrupt_after is printed, Ctrl-C every 50 ms
     // (again if a press lands between two runs) until the host ends.
@@ -194,6 +203,7 @@ HostRun RunHostInterrupted(const std::string& dir, const std::vector<std::string
         }
         std::this_thread::sleep_for(std::chrono::milliseconds(pressed ? 50 : 2));
     }
+    if (hold_stdin) close(held[1]);
     HostRun run;
     run.exit_code = status == -1 ? -1 : WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
     run.out = ReadFile(out_path);

@@ -60,9 +60,12 @@ using EnvList = std::vector<std::pair<std::string, std::string>>;
 // again every 50 ms until the host ends. The bus runs on the virtual clock
 // unless env overrides TQL_SIM_CLOCK (an empty value unsets a variable).
 // Killed after timeout_s of wall time.
+// With hold_stdin, standard input is a pipe that stays open after the text
+// until the host ends, so a prompt waits as for a person who has not answered
+// yet (instead of reading the end of the input).
 HostRun RunHostInterrupted(const std::string& dir, const std::vector<std::string>& args,
                            const std::string& stdin_text, const EnvList& env, const std::string& interrupt_after,
-                           double timeout_s = 120.0);
+                           double timeout_s = 120.0, bool hold_stdin = false);
 inline HostRun RunHost(const std::string& dir, const std::vector<std::string>& args,
                        const std::string& stdin_text = "", const EnvList& env = {}, double timeout_s = 120.0) {
     return RunHostInterrupted(dir, args, stdin_text, env, "", timeout_s);

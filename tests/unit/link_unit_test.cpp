@@ -59,13 +59,18 @@ TEST(LinkUnit, CheckPosition) {
 
 TEST(LinkUnit, CheckTorque) {
     LinkUnit j;
-    ASSERT_EQ(j.InitActuator(1, 0), 0);
+    ASSERT_EQ(j.InitActuator(1, 0), 0);  // kt 2.3794 N*m/A, peak 20 A: 47.588 N*m
     EXPECT_EQ(tqltest::Stdout([&] {
                   EXPECT_EQ(j.CheckTorque(12.5), 0);
+                  EXPECT_EQ(j.CheckTorque(47.588), 0);
                   EXPECT_EQ(j.CheckTorque(std::numeric_limits<double>::infinity()), -1);
                   EXPECT_EQ(j.CheckTorque(std::nan("")), -1);
+                  EXPECT_EQ(j.CheckTorque(-47.6), -1);
               }),
-              "tmp NAN\ntmp NAN\n");
+              "tmp NAN\ntmp NAN\nID 1 current -20.005 A beyond peak current 20 A\n");
+    // The demo arm's actuator (type 1): 10 A of 1.0623 N*m/A.
+    ASSERT_EQ(j.InitActuator(2, 1), 0);
+    EXPECT_DOUBLE_EQ(j.PeakTorque(), 10.623);
     j.kt_ = 0.0;
     EXPECT_EQ(tqltest::Stdout([&] {
                   EXPECT_EQ(j.CheckTorque(1.0), -1);

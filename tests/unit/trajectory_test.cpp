@@ -58,6 +58,13 @@ TEST(TrajectoryFile, SixSignificantDigitsWrittenAndReadBack) {
     ASSERT_EQ(mkdir("t.txt.part", 0755), 0);
     EXPECT_EQ(Quiet([&] { return SaveMatrixToFile("t.txt", values.data(), 300, 6); }), -1);
     EXPECT_EQ(ReadFile("t.txt"), "12.3457,-0.5,1e-05\n0,1.23457e+08,-3.14159\n");
+    // So does one whose name is a directory: the whole new file written beside
+    // it is removed again.
+    ASSERT_EQ(mkdir("d.txt", 0755), 0);
+    EXPECT_EQ(Quiet([&] { return SaveMatrixToFile("d.txt", values.data(), 2, 3); }), -1);
+    struct stat st;
+    EXPECT_TRUE(stat("d.txt", &st) == 0 && S_ISDIR(st.st_mode));
+    EXPECT_NE(stat("d.txt.part", &st), 0);
 }
 
 TEST(TrajectoryFile, ReaderTakesWhatTheLinesHold) {
@@ -70,13 +77,25 @@ TEST(TrajectoryFile, ReaderTakesWhatTheLinesHold) {
         int result, rows;
         std::vector<double> first_rows;  // 3 columns per row
         std::string message;
+        std::string strict;  // the replay's reader: its refusal, or "" when it reads the same
     } cases[] = {
-        {"1.5,-2,3e-3\n", 0, 1, {1.5, -2, 0.003}, ""},
-        {"", -1, 0, {u, u, u}, "c.txt is an empty file.\n"},
-        {"a,2,b\n7\n1,2,3,4\n", 0, 3, {0, 2, 0, 7, u, u, 1, 2, 3}, ""},  // non-numbers 0, missing untouched
-        {"4,5,6", 0, 1, {4, 5, 6}, ""},                                  // no end of line
-        {"1,2,3\n" + long_line + "\n4,5,6\n", 0, 1, {1, 2, 3, u, u, u}, "line 2 is longer than 255"},
-        {full_line + "\n", 0, 1, {1, 0, u}, ""},
+        {"1.5,-2,3e-3\n", 0, 1, {1.5, -2, 0.003}, "", ""},
+        {"", -1, 0, {u, u, u}, "c.txt is an empty file.\n", "c.txt is an empty file.\n"},
+        // Non-numbers read 0, missing values stay untouched, extra ones are ignored.
+        {"a,2,b\n7\n1,2,3,4\n", 0, 3, {0, 2, 0, 7, u, u, 1, 2, 3}, "", "line 1: \"a\" is not a number"},
+        {"4,5,6", 0, 1, {4, 5, 6}, "", ""},  // no end of line
+        {"1,2,3\n" + long_line + "\n4,5,6\n", 0, 1, {1, 2, 3, u, u, u}, "line 2 is longer than 255",
+         "line 2: longer than 255 characters"},
+        {full_line + "\n", 0, 1, {1, 0, u}, "", "line 1: 2 numbers where 3 belong"},
+        {"1,2,3,4\n", 0, 1, {1, 2, 3}, "", "line 1: more than 3 numbers"},
+        {" 1 , 2,3\r\n4,5,6\n", 0, 2, {1, 2, 3, 4, 5, 6}, "", ""},  // blanks around numbers, CRLF
+        {"1,2,3\n\n4,5,6\n", 0, 3, {1, 2, 3, 0, u, u, 4, 5, 6}, "", "line 2: a blank line"},
+        {"1;2;3\n", 0, 1, {1, u, u}, "", "line 1: ';' after number 1 where ',' belongs"},
+        {"1 2 3\n", 0, 1, {1, u, u}, "", "line 1: '2' after number 1 where ',' belongs"},
+        {"1,2\n", 0, 1, {1, 2, u}, "", "line 1: 2 numbers where 3 belong"},
+        {"1,,3\n", 0, 1, {1, 0, 3}, "", "line 1: an empty value at position 2"},
+        {"1,2,nan\n", 0, 1, {1, 2, NAN}, "", "line 1: nan is not a finite number"},
+        {"1,2,3\n1,-inf,3\n", 0, 2, {1, 2, 3, 1, -INFINITY, 3}, "", "line 2: -inf is not a finite number"},
     };
     for (const Case& c : cases) {
         WriteFile("c.txt", c.text);
@@ -85,9 +104,26 @@ TEST(TrajectoryFile, ReaderTakesWhatTheLinesHold) {
         std::string out;
         EXPECT_EQ(Read("c.txt", 3, &data, &rows, &out), c.result) << c.text;
         EXPECT_EQ(rows, c.rows) << c.text;
-        for (size_t i = 0; i < c.first_rows.size(); ++i) EXPECT_EQ(data[i], c.first_rows[i]) << c.text << " #" << i;
+        for (size_t i = 0; i < c.first_rows.size(); ++i) {
+            if (!std::isnan(c.first_rows[i])) {
+                EXPECT_EQ(data[i], c.first_rows[i]) << c.text << " #" << i;
+            }
+        }
         if (!c.message.empty()) {
             EXPECT_NE(out.find(c.message), std::string::npos) << out;
+        }
+        std::vector<double> strict(data.size(), kUntouched);
+        int strict_rows = -1;
+        const int result = Quiet([&] { return ReadTrajectoryForReplay("c.txt", strict.data(), 16, 3, &strict_rows); }, &out);
+        if (c.strict.empty()) {
+            EXPECT_EQ(result, c.result) << c.text;
+            EXPECT_EQ(strict_rows, c.rows) << c.text;
+            for (size_t i = 0; i < c.first_rows.size(); ++i) EXPECT_EQ(strict[i], data[i]) << c.text << " #" << i;
+        } else {
+            EXPECT_EQ(result, -1) << c.text;
+            EXPECT_NE(out.find(c.strict), std::string::npos) << out;
+            const bool format = c.strict.find("empty file") == std::string::npos;
+            EXPECT_EQ(out.find("Trajectory format error: c.txt ") == 0, format) << out;
         }
     }
     std::string out;
@@ -193,6 +229,9 @@ TEST_F(Replay, RefusedBeforeAnyMotion) {
         EXPECT_EQ(out.find("Open") != std::string::npos, std::string(c.message).find("Open") == 0) << out;
         EXPECT_EQ(tql_sim_setpoint_count(1), 0) << c.file;
     }
+    // A cyclic replay refused is a failure too (its operator's stop is not).
+    SetReplayOverride(1.0);
+    EXPECT_EQ(Quiet([&] { return MoveTrajectory(GetCurrentRobot(), "file/jump.txt", true); }), -1);
 }
 
 TEST_F(Replay, CyclicReplayEndsWithCtrlC) {
