@@ -8,6 +8,7 @@
 // settings it last saved with saveAllParams, if it ever did (all nine keys).
 // Any malformed line makes the whole file count as corrupt: the bus then
 // starts from its factory defaults.
+#include <fcntl.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -134,7 +135,17 @@ bool WriteStateFile(const std::string& path, const PersistedState& state) {
     }
     bool ok = std::fflush(f) == 0 && fsync(fileno(f)) == 0;
     ok = (std::fclose(f) == 0) && ok;
-    if (ok && std::rename(temp.c_str(), path.c_str()) == 0) return true;
+    if (ok && std::rename(temp.c_str(), path.c_str()) == 0) {
+        // The new name is on the disk once its directory is.
+        const size_t slash = path.find_last_of('/');
+        const std::string dir = slash == std::string::npos ? "." : slash == 0 ? "/" : path.substr(0, slash);
+        const int fd = open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+        if (fd >= 0) {
+            fsync(fd);
+            close(fd);
+        }
+        return true;
+    }
     std::remove(temp.c_str());
     return false;
 }

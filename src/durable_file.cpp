@@ -27,6 +27,8 @@ std::string DirectoryOf(const std::string& path) {
 
 }  // namespace
 
+int SyncFile(const std::string& path) { return SyncPath(path, O_RDONLY) ? 0 : -1; }
+
 std::string PartFileName(const std::string& path) { return path + ".part"; }
 
 int CommitFile(const std::string& temporary, const std::string& path) {

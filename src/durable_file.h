@@ -8,6 +8,9 @@
 
 namespace tql {
 
+// Flushes what was written to `path` to the disk (a file appended to in
+// place). 0, or -1 when it cannot be opened or flushed.
+int SyncFile(const std::string& path);
 // Name of the file a new version of `path` is written to before CommitFile.
 std::string PartFileName(const std::string& path);
 // Flushes `temporary` to the disk, renames it over `path` and flushes the

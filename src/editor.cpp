@@ -4,6 +4,7 @@
 #include <fstream>
 #include <iostream>
 
+#include "durable_file.h"
 #include "execute.h"
 #include "instruction.h"
 
@@ -30,6 +31,8 @@ void RecordPoint(std::string file, Robot* robot) {
     double q[kMaxJointNum] = {};
     robot->GetCurrentMachineJoint(q);
     WriteProgramLine(out, "MOVJ VJ=100 z5 ", q, n);
+    out.close();
+    tql::SyncFile(file);  // the appended point is on the disk
 }
 
 void ExecuteCommandRecord(int /*argc*/, char** /*argv*/) { RecordPoint(kProgramFileName, GetCurrentRobot()); }

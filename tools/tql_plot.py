@@ -524,13 +524,21 @@ def run(args):
         raise PlotError("cannot create %s: %s" % (args.out, e.strerror))
     targets = ["%s-%s.png" % (prefix, suffix) for suffix, _ in figures]
     try:
-        # Every figure is drawn to NAME.part first: a failure leaves no PNG
-        # of this run, whole or partial.
+        # Every figure is drawn to NAME.part first and flushed to the disk: a
+        # failure or a power cut leaves no PNG of this run, whole or partial.
         for target, (_, fig) in zip(targets, figures):
-            fig.savefig(target + ".part", format="png", dpi=DPI)
+            with open(target + ".part", "wb") as f:
+                fig.savefig(f, format="png", dpi=DPI)
+                f.flush()
+                os.fsync(f.fileno())  # on the disk before it takes the name
             plt.close(fig)
         for target in targets:
             os.replace(target + ".part", target)
+        directory = os.open(os.path.dirname(os.path.abspath(prefix)), os.O_RDONLY)
+        try:
+            os.fsync(directory)  # and the new names with it
+        finally:
+            os.close(directory)
     except OSError as e:
         raise PlotError("cannot write %s: %s" % (e.filename or prefix + "-*.png", e.strerror))
     finally:

@@ -38,6 +38,7 @@
 #include <string>
 #include <vector>
 
+#include "durable_file.h"
 #include "dynamics.h"
 #include "kinematics.h"
 
@@ -459,11 +460,11 @@ bool WriteOutput(const std::string& path, const std::string& text, std::string* 
         }
         return true;
     }
-    const std::string part = path + ".part";
+    const std::string part = tql::PartFileName(path);
     FILE* f = std::fopen(part.c_str(), "w");
     bool ok = f != nullptr && std::fwrite(text.data(), 1, text.size(), f) == text.size();
     ok = f != nullptr && std::fclose(f) == 0 && ok;
-    ok = ok && std::rename(part.c_str(), path.c_str()) == 0;
+    ok = ok && tql::CommitFile(part, path) == 0;  // flushed to the disk, then renamed
     if (!ok) {
         *error = "cannot write " + path + ": " + std::strerror(errno);
         std::remove(part.c_str());

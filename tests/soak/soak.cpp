@@ -868,6 +868,7 @@ int main(int argc, char** argv) {
         deadline = WallNow() + opt.timeout_s;
     };
     long runs = 0, accepted_runs = 0, refused_runs = 0, violations = 0;
+    long beyond_limits = 0, beyond_peak = 0;  // over all cases
     const long first = opt.only_case >= 0 ? opt.only_case : 0;
     const long last = opt.only_case >= 0 ? opt.only_case + 1 : opt.runs;
     for (long k = first; k < last; ++k, ++runs) {
@@ -895,6 +896,8 @@ int main(int argc, char** argv) {
         if (boot.empty() || refused_at_boot) why = Judge(c, o, &accepted);
         if (!rows_written) why = "cannot write the case's rows into parameter.db";
         deadline = 0;
+        beyond_limits += o.beyond - o.beyond_peak;
+        beyond_peak += o.beyond_peak;
         if (!why.empty()) ++violations, ReportViolation(opt.seed, c, o, why, launch_dir);
         else ++(accepted ? accepted_runs : refused_runs);
         if (opt.only_case >= 0 && why.empty())  // a case repeated alone is shown whole
@@ -908,5 +911,7 @@ int main(int argc, char** argv) {
     tqltest::RestoreRealTime();
     std::printf("soak: %ld runs, %ld accepted, %ld refused before motion, %ld violations\n", runs, accepted_runs,
                 refused_runs, violations);
+    std::printf("soak: %ld set-points beyond the actuators' limits, %ld currents beyond their peak\n", beyond_limits,
+                beyond_peak);
     return violations > 0 ? 1 : 0;
 }
