@@ -170,7 +170,7 @@ int RecordSinglePositionFromTerminal(std::string file_name) {
         if (!ReadOperatorWord(&word)) {
             // Ctrl-C, or nobody left to answer: end as STOP would, keeping
             // what was taught.
-            if (!GetStopFlag()) std::cout << "No more input." << std::endl;
+            if (!TakeStopRequest()) std::cout << "No more input." << std::endl;
             std::cout << "Stop recording." << std::endl;
             break;
         }
@@ -244,7 +244,7 @@ int RecordContinuousPosition(std::string file_name) {
         std::string word;
         ReadOperatorWord(&word);
         // A Ctrl-C before "start" cancels: the previous recording is kept.
-        if (GetStopFlag()) {
+        if (TakeStopRequest()) {
             std::cout << "Recording cancelled: " << file_name << " is unchanged." << std::endl;
             word.clear();
         }
@@ -277,7 +277,7 @@ int RecordContinuousPosition(std::string file_name) {
             if (stored < capacity) ++stored;
         }
         timer.Wait();
-        if (GetStopFlag()) break;
+        if (TakeStopRequest()) break;
     }
     if (LostMonitoredPositions() > 0)
         std::cout << "The recorder fell behind: " << LostMonitoredPositions() << " samples lost." << std::endl;

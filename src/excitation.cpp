@@ -150,8 +150,7 @@ int MoveExcitationTrajectories(Robot* robot, int repetitions) {
         return -1;
     }
 
-    InitStopFlag();
-    std::signal(SIGINT, SetStopFlagForSignal);
+    if (BeginMotion() < 0) return -1;
     const int record_width = 3 * n;  // n currents, n velocities, n positions
     const size_t record_size =
         static_cast<size_t>(repetitions) * n * (kExcitationSamples + kExcitationSpare) * 3;
@@ -172,7 +171,7 @@ int MoveExcitationTrajectories(Robot* robot, int repetitions) {
         if (IsTerminal()) std::cout << "Running  iter = " << r << std::endl;
         tql::PeriodicTimer timer(wait_ms * 1e-3);
         for (int k = 1; k <= kLastSample; ++k) {
-            if (GetStopFlag()) return -1;
+            if (TakeStopRequest()) return -1;
             robot->RequestCVPValue();
             if (robot->SendPosition(&trajectory[k * n], &trajectory[(k - 1) * n]) < 0) return -1;
             timer.Wait();

@@ -68,9 +68,37 @@ Robot* GetCurrentRobot() { return &cur_robot[0]; }
 bool IsTerminal() { return is_terminal.load() != 0; }
 void SetTerminalFlag() { is_terminal.store(1); }
 
-void SetStopFlag() { stop_flag.store(1); }
-void SetStopFlagForSignal(int /*signo*/) { stop_flag.store(1); }
+// The stop flag: 0 none; kStopAsked, asked for and not yet acted on (by the
+// signal handler or a host); kStopTaken, asked for and acted on (a loop ended
+// on it, or a mode switch ended hand guiding). Both read as set.
+constexpr unsigned char kStopAsked = 1;
+constexpr unsigned char kStopTaken = 2;
+
+void SetStopFlag() { stop_flag.store(kStopAsked); }
+void SetStopFlagForSignal(int /*signo*/) { stop_flag.store(kStopAsked); }
 void InitStopFlag() { stop_flag.store(0); }
+void SetStopFlagTaken() { stop_flag.store(kStopTaken); }
+
+bool TakeStopRequest() {
+    // A pre-flight moves nothing, so nothing it computes is stopped.
+    if (stop_flag.load() == 0 || tql::InPreflight()) return false;
+    stop_flag.store(kStopTaken);
+    return true;
+}
+
+int BeginMotion() {
+    if (tql::InPreflight()) return 0;  // the pre-flight moves nothing
+    // A stop a loop has already acted on is forgotten, as before; one nobody
+    // has acted on yet ends the job here.
+    unsigned char expected = kStopTaken;
+    stop_flag.compare_exchange_strong(expected, 0);
+    if (TakeStopRequest()) {
+        std::cout << "Stop requested: no further motion." << std::endl;
+        return -1;
+    }
+    InstallInterruptingStopHandler();
+    return 0;
+}
 
 void InstallInterruptingStopHandler() {
     struct sigaction action = {};

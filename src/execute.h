@@ -35,9 +35,22 @@ void SetStopFlag();
 void SetStopFlagForSignal(int signo);
 void InitStopFlag();
 bool GetStopFlag();
+// For the loops that end on a stop request: true when one is set, which is
+// then marked as acted on (the next motion's start forgets it).
+bool TakeStopRequest();
+// Sets the flag as a request already acted on: it ends whatever runs now and
+// is forgotten by the next motion's start (a mode switch's stop).
+void SetStopFlagTaken();
 // Installs SetStopFlagForSignal for SIGINT so that a Ctrl-C also interrupts a
 // blocking read of the operator's answer (the read then fails and the stop
 // flag tells why), instead of being noted until the next answer arrives.
 void InstallInterruptingStopHandler();
+// Every streamed motion starts here. A stop asked for before it and not acted
+// on by any loop (pressed at a prompt, between two moves, in a pause between
+// cycles or passes) is not cleared: it ends the job before this motion, -1
+// after "Stop requested: no further motion.". One a loop already acted on is
+// forgotten. Then installs the Ctrl-C handler and returns 0. Under a
+// pre-flight it does nothing.
+int BeginMotion();
 
 #endif  // TQL_EXECUTE_H

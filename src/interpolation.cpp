@@ -44,12 +44,6 @@ long TickCount(double total) {
     return std::lround(total / PERIOD);
 }
 
-// Clears a stale stop request and lets Ctrl+C stop the coming move.
-void BeginStreamedMove() {
-    InitStopFlag();
-    std::signal(SIGINT, SetStopFlagForSignal);
-}
-
 // Distance covered by a governing profile at time t.
 double ProfilePosition(SpeedProfile& profile, double t) {
     double out[2];
@@ -67,7 +61,7 @@ static int StreamCartesianPath(Robot* robot, Path& path, long ticks, double* cur
     double pose[7];
     tql::PeriodicTimer timer(PERIOD);
     for (long tick = 1; tick <= ticks; ++tick) {
-        if (GetStopFlag()) return -1;
+        if (TakeStopRequest()) return -1;
         const double t = tick * PERIOD;
         for (int i = 0; i < n; ++i) previous[i] = current[i];
         path.Interpolation(t, pose);
@@ -137,10 +131,10 @@ static int StreamJointPath(Robot* robot, double* start, double* end, AccDecDate*
     const long ticks = TickCount(paths[0].profile_.ttotal_);
     if (ticks < 0) return -1;
 
-    BeginStreamedMove();
+    if (BeginMotion() < 0) return -1;
     tql::PeriodicTimer timer(PERIOD);
     for (long tick = 1; tick <= ticks; ++tick) {
-        if (GetStopFlag()) return -1;
+        if (TakeStopRequest()) return -1;
         const double t = tick * PERIOD;
         for (int i = 0; i < n; ++i) {
             previous[i] = current[i];
@@ -301,7 +295,7 @@ static int StreamLinearPath(Robot* robot, double* start_joints, double* end_join
         return -1;
     }
 
-    BeginStreamedMove();
+    if (BeginMotion() < 0) return -1;
     return StreamCartesianPath(robot, lpath, tick, current, n);
 }
 
@@ -326,7 +320,7 @@ static int StreamCircularPath(Robot* robot, double* start_joints, double* mid_jo
     const long ticks = TickCount(cpath.tall_);
     if (ticks < 0) return -1;
 
-    BeginStreamedMove();
+    if (BeginMotion() < 0) return -1;
     return StreamCartesianPath(robot, cpath, ticks, current, n);
 }
 

@@ -131,7 +131,7 @@ int Calibration(Robot* robot) {
     std::signal(SIGINT, SetStopFlagForSignal);
     const int n = robot->GetRobotJointNum();
     double q[kMaxJointNum] = {};
-    while (!GetStopFlag()) {
+    while (!TakeStopRequest()) {
         robot->GetCurrentMachineJoint(q);
         scaling(q, kRadToDeg, n);
         print_array(q, n);

@@ -51,8 +51,8 @@ bool GravityCompensationOn() { return GetResourceDate()->dynamics_switch; }
 void SetRunningMode(RunningMode mode) {
     running_mode.store(mode);
     // Whatever motion or recording is running ends with the mode it was
-    // started in.
-    SetStopFlag();
+    // started in; the next motion's start forgets this stop.
+    SetStopFlagTaken();
 }
 
 void DiscardMonitoredPositions() {

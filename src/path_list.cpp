@@ -41,11 +41,6 @@ void CopyJoints(const double* from, double* to, int n) {
     for (int i = 0; i < n; ++i) to[i] = from[i];
 }
 
-void InstallStop() {
-    InitStopFlag();
-    signal(SIGINT, SetStopFlagForSignal);
-}
-
 double Distance3(const double* a, const double* b) {
     double d[3];
     for (int i = 0; i < 3; ++i) d[i] = b[i] - a[i];
@@ -253,7 +248,7 @@ int StreamPathList(Robot* robot, InterpolationData* table, int count, int* line)
     double command[kMaxJointNum] = {};
     double previous[kMaxJointNum] = {};
     CopyJoints(table[0].start_position, command, n);
-    InstallStop();
+    if (BeginMotion() < 0) return -1;
     tql::PeriodicTimer timer(PERIOD);  // one schedule for the whole run
 
     for (int i = 0; i < count; ++i) {
@@ -261,7 +256,7 @@ int StreamPathList(Robot* robot, InterpolationData* table, int count, int* line)
         *line = move.line_number;
         const int ticks = Ticks(move.total_time);
         for (int k = 1; k <= ticks; ++k) {
-            if (GetStopFlag()) return -1;
+            if (TakeStopRequest()) return -1;
             CopyJoints(command, previous, n);
             if (move.MovePathFlow(robot, command, k * PERIOD) < 0) return -1;
             if (robot->SendMachinePosition(command, previous) < 0) return -1;
@@ -283,7 +278,7 @@ int StreamPathListSmooth(Robot* robot, InterpolationData* table, int count, int*
     double head[kMaxJointNum] = {};      // Q: position along the starting move
     double head_old[kMaxJointNum] = {};
     CopyJoints(table[0].start_position, command, n);
-    InstallStop();
+    if (BeginMotion() < 0) return -1;
     tql::PeriodicTimer timer(PERIOD);  // one schedule for the whole run
 
     for (int i = 0; i < count; ++i) {
@@ -298,7 +293,7 @@ int StreamPathListSmooth(Robot* robot, InterpolationData* table, int count, int*
             CopyJoints(move.start_position, head, n);
             const int ticks = Ticks(move.acc_time);
             for (int k = 1; k <= ticks; ++k) {
-                if (GetStopFlag()) return -1;
+                if (TakeStopRequest()) return -1;
                 CopyJoints(tail, tail_old, n);
                 if (before.MovePathFlow(robot, tail, tail_start + k * PERIOD) < 0) return -1;
                 CopyJoints(head, head_old, n);
@@ -313,7 +308,7 @@ int StreamPathListSmooth(Robot* robot, InterpolationData* table, int count, int*
         // phase is run as the next move's blend (the last move's is 0).
         const int ticks = Ticks(move.total_time - move.dec_time - move.acc_time);
         for (int k = 1; k <= ticks; ++k) {
-            if (GetStopFlag()) return -1;
+            if (TakeStopRequest()) return -1;
             CopyJoints(command, previous, n);
             if (move.MovePathFlow(robot, command, move.acc_time + k * PERIOD) < 0) return -1;
             if (robot->SendMachinePosition(command, previous) < 0) return -1;

@@ -87,9 +87,9 @@ int RunContinuous(Robot* robot, InterpolationData* table, int count) {
         std::cout << "Cycle count : " << cycle << std::endl;
         if (RunPathListOnce(robot, table, count) < 0) return -1;
         tql::SleepMilliseconds(kContinuousPauseMs);
-        // A stop requested during the pause must not be cleared unseen by
-        // the next run's InitStopFlag.
-        if (GetStopFlag()) return -1;
+        // A stop requested during the pause ends the run here (the next
+        // run's start would refuse it all the same).
+        if (TakeStopRequest()) return -1;
     }
 }
 

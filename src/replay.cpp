@@ -160,13 +160,12 @@ int MoveTrajectoryOnce(Robot* robot, double* samples, int rows) {
     if (PreflightWanted() && PreflightJointSamples(robot, samples, rows, wait_ms * 1e-3) < 0) return -1;
     if (MoveToSpecifiedPosition(samples) < 0) return -1;
 
-    InitStopFlag();
-    std::signal(SIGINT, SetStopFlagForSignal);
+    if (BeginMotion() < 0) return -1;
     const bool collision = GetResourceDate()->collision_switch;
     if (collision) InitC();
     tql::PeriodicTimer timer(wait_ms * 1e-3);
     for (int k = 1; k < rows; ++k) {
-        if (GetStopFlag()) return -1;
+        if (TakeStopRequest()) return -1;
         if (collision) robot->RequestCVPValue();
         double* sample = samples + static_cast<size_t>(k) * n;
         if (robot->SendPosition(sample, sample - n) < 0) return -1;
@@ -211,7 +210,7 @@ int MoveTrajectory(Robot* robot, std::string file_name, bool cyclic) {
                 break;
             }
             tql::SleepMilliseconds(kCyclePauseMs);
-            if (GetStopFlag()) break;
+            if (TakeStopRequest()) break;
         }
     }
     std::cout << " " << std::endl;

@@ -93,9 +93,15 @@ TEST_F(JointMoves, StopsAndRefusalsEndTheMove) {
     const Joints start = CurrentJoints();
     Joints target = start;
     target[2] += 40 * kDeg;
-    SetStopFlag();  // left over from before the move: forgotten
-    tick_spy.stop_at = 25;
+    // Asked for before the move and acted on by nothing: it ends the job
+    // before the move (no set-point); acted on, it is forgotten.
+    SetStopFlag();
     const long before = tql_sim_setpoint_count(3);
+    std::string out;
+    EXPECT_EQ(Move(start, target, &out), -1);
+    EXPECT_EQ(out, "Stop requested: no further motion.\n");
+    EXPECT_EQ(tql_sim_setpoint_count(3), before);
+    tick_spy.stop_at = 25;
     EXPECT_EQ(Move(start, target), -1);
     EXPECT_EQ(tick_spy.sent.size(), 25u);
     EXPECT_EQ(tql_sim_setpoint_count(3), before + 25);
@@ -107,7 +113,7 @@ TEST_F(JointMoves, StopsAndRefusalsEndTheMove) {
     tick_spy.stop_at = 10, tick_spy.by_signal = true;
     EXPECT_EQ(MoveTo(target), -1);
     EXPECT_EQ(tick_spy.sent.size(), 10u);
-    tick_spy = tqltest::TickSpy();  // the next move clears the flag and runs to its end
+    tick_spy = tqltest::TickSpy();  // the next move forgets the stop acted on and runs to its end
     EXPECT_EQ(MoveTo(target), 0);
     EXPECT_NEAR(CurrentJoints()[0], target[0], 1e-9);
 
