@@ -43,7 +43,12 @@ int RunBesideMonitoring(Recorder recorder) {
     sigaddset(&interrupt, SIGINT);
     pthread_sigmask(SIG_BLOCK, &interrupt, &previous);
     int monitored = 0, recorded = 0;
+    const long checks = MonitoringModeChecks();
     std::thread monitoring([&monitored] { monitored = RealTimeMonitoring(); });
+    // The recorder starts once the loop has read the running mode (at once,
+    // before it sleeps): a session the operator ends at once must not change
+    // the mode under a loop that has not looked at it yet.
+    while (MonitoringModeChecks() == checks) std::this_thread::yield();
     std::thread recording([&] {
         pthread_sigmask(SIG_UNBLOCK, &interrupt, nullptr);
         recorded = recorder();

@@ -276,6 +276,9 @@ bool NextMonitoredPosition(double* q, int n);
 long LostMonitoredPositions();
 // True while the monitoring loop runs.
 bool MonitoringRunning();
+// How many monitoring loops have read the running mode at their start (a
+// starter waits for its loop's check before a recorder may change the mode).
+long MonitoringModeChecks();
 // Ends drag teaching from the recorder's side (terminal use only): asks the
 // operator to hold the arm when compensation is on, then leaves the mode.
 void MultiThreadTrigger();

@@ -31,6 +31,7 @@ std::atomic<unsigned> ring_head{0};  // periods written (producer)
 std::atomic<unsigned> ring_tail{0};  // periods taken (consumer)
 std::atomic<long> ring_lost{0};      // periods the recorder fell too far behind to take
 std::atomic<bool> monitoring{false};  // the loop is delivering positions
+std::atomic<long> monitoring_checks{0};  // loops that have read the running mode at their start
 
 void DeliverPosition(const double* q, int n) {
     const unsigned head = ring_head.load(std::memory_order_relaxed);
@@ -72,6 +73,8 @@ long LostMonitoredPositions() { return ring_lost.load(); }
 
 bool MonitoringRunning() { return monitoring.load(); }
 
+long MonitoringModeChecks() { return monitoring_checks.load(); }
+
 RunningMode GetCurrentRunningMode() { return static_cast<RunningMode>(running_mode.load()); }
 
 int ReplayMode() {
@@ -84,7 +87,9 @@ int ReplayMode() {
 }
 
 int RealTimeMonitoring() {
-    if (GetCurrentRunningMode() != kDragTeachingMode) {
+    const RunningMode mode = GetCurrentRunningMode();
+    monitoring_checks.fetch_add(1);
+    if (mode != kDragTeachingMode) {
         SetSystemStatus(false);
         SendErrorCode(0, 2, "Current mode is not drag teaching mode");
         return -1;

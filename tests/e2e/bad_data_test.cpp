@@ -212,7 +212,14 @@ TEST(BadData, CtrlCWhileTeachingKeepsThePointsAndHoldsTheArm) {
                                                     std::string(kPrompt) + kPrompt, 120.0, true);
     EXPECT_EQ(run.exit_code, 0) << run.out;
     EXPECT_NE(run.out.find("Stop recording.\nPlease hold the arm"), std::string::npos) << run.out;
-    EXPECT_EQ(ReadFile(dir.File("file/data.txt")), "MOVJ VJ=100 z5 0,0,0,0,0,0\n");
+    // The one point taught: the arm floating at its power-up pose (zero).
+    const std::string taught = ReadFile(dir.File("file/data.txt"));
+    ASSERT_EQ(taught.rfind("MOVJ VJ=100 z5 ", 0), 0u) << taught;
+    EXPECT_EQ(tqltest::CountOf(taught, "\n"), 1) << taught;
+    std::istringstream angles(taught.substr(15));
+    int count = 0;
+    for (std::string v; std::getline(angles, v, ','); ++count) EXPECT_NEAR(std::stod(v), 0.0, 1e-3) << taught;
+    EXPECT_EQ(count, 6);
     // The last mode every actuator was put in: position (3).
     double last_mode[7] = {};
     std::istringstream rec(ReadFile(dir.File("rec.csv")));
