@@ -14,6 +14,7 @@
 
 #include "execute.h"
 #include "fuzz_support.h"
+#include "interface.h"
 #include "program.h"
 #include "sim_control.h"
 #include "timing.h"
@@ -59,6 +60,7 @@ extern "C" int LLVMFuzzerInitialize(int* argc, char*** argv) {
     tql_sim_reset();
     tql::SetSleepFunction(&BudgetedSleep);
     tql::SetClockFunction(&tql_sim_now);
+    SetDigitalOutputHandler(&tql_sim_digital_output);
     if (Boot() != 0) {
         std::fprintf(stderr, "fuzz_run: the simulated arm did not boot\n");
         std::abort();

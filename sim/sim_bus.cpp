@@ -96,6 +96,7 @@ void LoadBus(Bus& bus) {
     bus.command_count = 0;
     bus.beyond_limit_count = 0;
     bus.current_beyond_peak_count = 0;
+    bus.digital_outputs.clear();
     bus.error_callbacks.clear();
     bus.para_callbacks.clear();
     LoadPhysics(bus);

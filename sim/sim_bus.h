@@ -223,6 +223,7 @@ struct Bus {
     long command_count = 0;
     long beyond_limit_count = 0;         // position and current set-points
     long current_beyond_peak_count = 0;  // of those, currents beyond the peak
+    std::map<int, int> digital_outputs;  // output number -> 1 on, 0 off (switched since load)
     std::vector<ActuatorController::ErrorCallback> error_callbacks;
     std::vector<ActuatorController::ParaRequestCallback> para_callbacks;
     Physics physics;

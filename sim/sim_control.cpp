@@ -20,6 +20,19 @@ SimActuator* FindId(BusCall& call, int id) {
 
 extern "C" {
 
+void tql_sim_digital_output(int output, int on) {
+    BusCall call;
+    // In the flight recording as a command to "actuator" `output`.
+    tqlsim::RecordCommand(call, output, "digitalOutput", on != 0 ? 1.0 : 0.0);
+    call.bus.digital_outputs[output] = on != 0 ? 1 : 0;
+}
+
+int tql_sim_digital_output_state(int output) {
+    BusCall call;
+    const auto found = call.bus.digital_outputs.find(output);
+    return found == call.bus.digital_outputs.end() ? -1 : found->second;
+}
+
 void tql_sim_reset(void) {
     tqlsim::Bus& bus = tqlsim::TheBus();
     std::lock_guard<std::mutex> lock(bus.mutex);

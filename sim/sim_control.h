@@ -55,6 +55,14 @@ int tql_sim_inject_error_at_time(int id, unsigned code, double bus_time);
 // reset. 0 on success, -1 for a negative or non-finite time.
 int tql_sim_set_interrupt_at(double bus_time);
 
+// The controller's digital outputs (a program's DOUT lines), as a host
+// installs this function with SetDigitalOutputHandler: each switch is a row of
+// the flight recorder (command "digitalOutput", the output number in the id
+// column, value 1 on / 0 off) and the bus keeps the outputs' states until
+// reset. The state of one output: 1, 0, or -1 when never switched.
+void tql_sim_digital_output(int output, int on);
+int tql_sim_digital_output_state(int output);
+
 // Flight recorder figures since load or reset (counted even when no CSV file
 // is written): commands received; set-points beyond limits, i.e. position
 // set-points beyond the actuator's position limits or velocity limit and

@@ -211,6 +211,7 @@ int ReadParameters(const char* file, int flags, ResourceData* rd) {
     rd->collision_switch = std::strcmp(Slot(4), "ON") == 0;
     rd->collision_factor = std::atof(Slot(5));
     rd->preflight_switch = std::strcmp(Slot(6), "OFF") != 0;
+    rd->program_io_switch = std::strcmp(Slot(7), "ON") == 0;
 
     const std::string type_name = Slot(1);
     bool known = false;

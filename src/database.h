@@ -23,6 +23,7 @@ struct ResourceData {
     bool collision_switch = false;       // system row 4 == "ON"
     double collision_factor = 0.0;       // system row 5
     bool preflight_switch = true;        // system row 6 != "OFF": check streams before moving
+    bool program_io_switch = false;      // system row 7 == "ON": TIMER waits, DOUT switches outputs
     int robot_type = 0;                  // RobotTypeCode
     double joint_speed[20] = {};         // deg/s
     double joint_acceleration[20] = {};  // deg/s^2

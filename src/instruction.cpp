@@ -87,6 +87,13 @@ int ZoneData::GetInstructionZoneData(char* token) {
     return -1;
 }
 
+namespace {
+
+// Longest wait a TIMER line may ask for, ms (an hour).
+constexpr double kMaxTimerMs = 3600000.0;
+
+}  // namespace
+
 int TimerInstructionData::GetTimerInstructionData(char* line) {
     if (line == nullptr) return -1;
     const char* equal = strchr(line, '=');
@@ -94,6 +101,25 @@ int TimerInstructionData::GetTimerInstructionData(char* line) {
     // The conversion starts on the "=" itself, so the stored time is 0 ms:
     // TIMER lines are accepted but take no time when a program runs.
     time = static_cast<int>(atof(equal));
+    // What the program asked for, for runs that wait at TIMER lines.
+    char* end = nullptr;
+    const double ms = strtod(equal + 1, &end);
+    while (*end == ' ' || *end == '\t' || *end == '\r') ++end;
+    requested_time = end != equal + 1 && *end == '\0' && ms >= 0 && ms <= kMaxTimerMs && ms == static_cast<int>(ms)
+                         ? static_cast<int>(ms)
+                         : -1;
+    return 0;
+}
+
+int DoutInstructionData::GetDoutInstructionData(const char* line) {
+    output = -1;
+    int number = -1, consumed = 0;
+    char state[8] = {0};
+    if (line == nullptr || sscanf(line, "DOUT %d %7s %n", &number, state, &consumed) != 2 || line[consumed] != '\0' ||
+        number < 0 || number > kMaxDigitalOutput || (strcmp(state, "ON") != 0 && strcmp(state, "OFF") != 0))
+        return -1;
+    output = number;
+    on = strcmp(state, "ON") == 0;
     return 0;
 }
 
@@ -154,8 +180,10 @@ int InstructionUnit::DecodeInstruction(char* line) {
         return data.timer_data.GetTimerInstructionData(line);
     }
     if (strcmp(keyword, "DOUT") == 0) {
-        // Nothing else on a DOUT line is read.
+        // Every DOUT line is valid; its output and state are read for runs
+        // that switch outputs (a line that does not read keeps output -1).
         kind = kDoutInstruction;
+        data.dout_data.GetDoutInstructionData(line);
         return 0;
     }
     return -1;

@@ -66,6 +66,10 @@ struct ZoneData {
 
 struct TimerInstructionData {
     int time = 0;  // ms
+    // The time written after "=" (ms; -1 when it is not a whole number of
+    // milliseconds from 0 to an hour). `time` keeps the described 0; this is
+    // what a program that runs its TIMER lines waits.
+    int requested_time = -1;
 
     // line: the whole TIMER line. 0, or -1 when it holds no "=".
     int GetTimerInstructionData(char* line);
@@ -85,9 +89,21 @@ struct MoveInstructionData {
 };
 
 // Both payloads side by side; InstructionUnit::kind says which one is meaningful.
+// A DOUT line as "DOUT <output> ON|OFF". Every DOUT line is a valid
+// instruction; one that does not read so keeps output -1.
+struct DoutInstructionData {
+    int output = -1;  // digital output number, 0 .. kMaxDigitalOutput
+    bool on = false;
+
+    // line: the whole DOUT line. 0, or -1 when it does not read as above.
+    int GetDoutInstructionData(const char* line);
+};
+constexpr int kMaxDigitalOutput = 63;
+
 struct InsturctionUnion {
     TimerInstructionData timer_data;
     MoveInstructionData move_data;
+    DoutInstructionData dout_data;
 };
 
 // One decoded instruction line.

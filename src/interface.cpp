@@ -1,13 +1,29 @@
 // The host call surface: thin entries over the jobs, on the current robot.
 #include "interface.h"
 
+#include <atomic>
+
 #include "math_fun.h"
 
 namespace {
 
 constexpr double kRadToDeg = 57.295780490442965;
 
+// Set by the host before a run, read by the runner's thread.
+std::atomic<DigitalOutputHandler> output_handler{nullptr};
+
 }  // namespace
+
+void SetDigitalOutputHandler(DigitalOutputHandler handler) { output_handler.store(handler); }
+
+bool DigitalOutputHandlerInstalled() { return output_handler.load() != nullptr; }
+
+int SetDigitalOutput(int output, bool on) {
+    const DigitalOutputHandler handler = output_handler.load();
+    if (handler == nullptr) return -1;
+    handler(output, on ? 1 : 0);
+    return 0;
+}
 
 int RecordSinglePoint(std::string file) { return RecordSinglePointInDragTeachMode(GetCurrentRobot(), file); }
 

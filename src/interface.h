@@ -27,4 +27,15 @@ int RealTimeMonitoringStopButton();
 // computed from it: x, y, z (mm), rx, ry, rz (degrees, R = Rz * Ry * Rx).
 void GetRealTimePos(double* q, double* pose);
 
+// Digital outputs of the program's DOUT lines (system_parameters row 7 "ON"):
+// the host installs the function that switches output `output` (0 .. 63) on
+// (1) or off (0); nullptr removes it. A program with DOUT lines is refused
+// before motion while none is installed. The simulated bus offers
+// tql_sim_digital_output.
+typedef void (*DigitalOutputHandler)(int output, int on);
+void SetDigitalOutputHandler(DigitalOutputHandler handler);
+bool DigitalOutputHandlerInstalled();
+// Switches one output through the installed handler; -1 when there is none.
+int SetDigitalOutput(int output, bool on);
+
 #endif  // TQL_INTERFACE_H

@@ -9,6 +9,7 @@
 #include <string>
 
 #include "execute.h"
+#include "interface.h"
 #include "interpolation.h"
 #include "math_fun.h"
 #include "program.h"
@@ -227,6 +228,27 @@ int RunProgramWithPreflight(Stream stream) {
 int StreamPathList(Robot* robot, InterpolationData* table, int count, int* line);
 int StreamPathListSmooth(Robot* robot, InterpolationData* table, int count, int* line);
 
+// Runs a program's TIMER and DOUT actions with the arm at rest: a wait holds
+// the pose for its time (a stop ends it), an output is switched through the
+// host's handler (not during a pre-flight). The waits keep the run's own
+// schedule `timer`; without one (a STEP walk) outputs only.
+int RunActions(const ProgramActions& actions, int* line, tql::PeriodicTimer* timer) {
+    for (int k = 0; k < actions.count; ++k) {
+        *line = actions.line[k];
+        if (actions.output[k] < 0) {
+            if (timer == nullptr) continue;
+            for (int t = Ticks(actions.value[k] * 1e-3); t > 0; --t) {
+                if (TakeStopRequest()) return -1;
+                timer->Wait();
+            }
+        } else if (!tql::InPreflight() && SetDigitalOutput(actions.output[k], actions.value[k] != 0) < 0) {
+            std::cout << "Line " << actions.line[k] << ": no digital output handler is installed." << std::endl;
+            return -1;
+        }
+    }
+    return 0;
+}
+
 }  // namespace
 
 int MovePathList(Robot* robot, InterpolationData* table, int count) {
@@ -253,6 +275,7 @@ int StreamPathList(Robot* robot, InterpolationData* table, int count, int* line)
 
     for (int i = 0; i < count; ++i) {
         InterpolationData& move = table[i];
+        if (RunActions(move.before, line, &timer) < 0) return -1;
         *line = move.line_number;
         const int ticks = Ticks(move.total_time);
         for (int k = 1; k <= ticks; ++k) {
@@ -263,13 +286,36 @@ int StreamPathList(Robot* robot, InterpolationData* table, int count, int* line)
             timer.Wait();
         }
     }
-    return 0;
+    return RunActions(table[count - 1].after, line, &timer);
 }
 
+// Streams moves table[0 .. count-1], prepared, blended among themselves.
+int StreamBlendedSegment(Robot* robot, InterpolationData* table, int count, int* line, tql::PeriodicTimer* timer);
+
+// Blends never cross a TIMER or DOUT line: the run is streamed in segments
+// between them, each ending at rest where the actions run.
 int StreamPathListSmooth(Robot* robot, InterpolationData* table, int count, int* line) {
     if (robot == nullptr || table == nullptr || count < 0) return -1;
     if (count == 0) return 0;
-    if (PrepareForRun(robot, table, count) < 0) return -1;
+    // Prepared as one run (from where the arm stands), then cut at the moves
+    // with TIMER or DOUT lines before them: no blend across the cut.
+    PathListPreprocess(robot, table, count);
+    for (int i = 1; i < count; ++i)
+        if (table[i].before.count > 0) table[i - 1].dec_time = table[i].acc_time = 0.0;
+    if (CheckPreparedMoves(table, count) < 0) return -1;
+    tql::PeriodicTimer timer(PERIOD);  // one schedule for the whole run
+    for (int first = 0; first < count;) {
+        int end = first + 1;
+        while (end < count && table[end].before.count == 0) ++end;
+        if (RunActions(table[first].before, line, &timer) < 0) return -1;
+        if (StreamBlendedSegment(robot, table + first, end - first, line, &timer) < 0) return -1;
+        first = end;
+    }
+    return count > 0 ? RunActions(table[count - 1].after, line, &timer) : 0;
+}
+
+int StreamBlendedSegment(Robot* robot, InterpolationData* table, int count, int* line, tql::PeriodicTimer* timer) {
+    if (count == 0) return 0;
     const int n = JointCount(robot);
     double command[kMaxJointNum] = {};   // K: the superposed command
     double previous[kMaxJointNum] = {};
@@ -279,7 +325,6 @@ int StreamPathListSmooth(Robot* robot, InterpolationData* table, int count, int*
     double head_old[kMaxJointNum] = {};
     CopyJoints(table[0].start_position, command, n);
     if (BeginMotion() < 0) return -1;
-    tql::PeriodicTimer timer(PERIOD);  // one schedule for the whole run
 
     for (int i = 0; i < count; ++i) {
         InterpolationData& move = table[i];
@@ -301,7 +346,7 @@ int StreamPathListSmooth(Robot* robot, InterpolationData* table, int count, int*
                 CopyJoints(command, previous, n);
                 for (int j = 0; j < n; ++j) command[j] += (tail[j] - tail_old[j]) + (head[j] - head_old[j]);
                 if (robot->SendMachinePosition(command, previous) < 0) return -1;
-                timer.Wait();
+                timer->Wait();
             }
         }
         // Main phase: this move alone, absolute positions. Its deceleration
@@ -312,7 +357,7 @@ int StreamPathListSmooth(Robot* robot, InterpolationData* table, int count, int*
             CopyJoints(command, previous, n);
             if (move.MovePathFlow(robot, command, move.acc_time + k * PERIOD) < 0) return -1;
             if (robot->SendMachinePosition(command, previous) < 0) return -1;
-            timer.Wait();
+            timer->Wait();
         }
     }
     return 0;
@@ -366,9 +411,15 @@ int ReplayPathStep(Robot* robot, InterpolationData* table, int count) {
             std::cout << "Program exit!" << std::endl;
             return -1;
         }
+        // Going forward, a step switches the outputs of the DOUT lines it
+        // passes (the arm is at rest at every step, so TIMER lines wait for
+        // nothing).
+        int action_line = 0;
+        if (next > step && RunActions(table[next - 1].before, &action_line, nullptr) < 0) return -1;
         step = next;
         InterpolationData& m = table[step - 1];
         std::cout << "Current line number = " << m.line_number << std::endl;
         if (StepToTarget(robot, m) < 0) return -1;
+        if (step == count && RunActions(m.after, &action_line, nullptr) < 0) return -1;
     }
 }

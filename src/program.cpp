@@ -8,7 +8,9 @@
 #include <memory>
 #include <new>
 
+#include "database.h"
 #include "execute.h"
+#include "interface.h"
 #include "path_list.h"
 #include "timing.h"
 
@@ -93,6 +95,42 @@ int RunContinuous(Robot* robot, InterpolationData* table, int count) {
     }
 }
 
+// Appends a TIMER or DOUT line to the actions between two moves. 0, or -1
+// with the line's message.
+int AddAction(const InstructionUnit& unit, ProgramActions* actions) {
+    if (actions->count >= kMaxProgramActions) {
+        std::cout << "Line " << unit.line_number << ": more than " << kMaxProgramActions
+                  << " TIMER and DOUT lines in a row." << std::endl;
+        return -1;
+    }
+    const int k = actions->count;
+    actions->line[k] = unit.line_number;
+    if (unit.kind == kTimerInstruction) {
+        if (unit.data.timer_data.requested_time < 0) {
+            std::cout << "Line " << unit.line_number << ": TIMER T= takes whole milliseconds, 0 to 3600000."
+                      << std::endl;
+            return -1;
+        }
+        actions->output[k] = -1;
+        actions->value[k] = unit.data.timer_data.requested_time;
+    } else {
+        const DoutInstructionData& dout = unit.data.dout_data;
+        if (dout.output < 0) {
+            std::cout << "Line " << unit.line_number << ": DOUT takes an output (0 to " << kMaxDigitalOutput
+                      << ") and ON or OFF." << std::endl;
+            return -1;
+        }
+        if (!DigitalOutputHandlerInstalled()) {
+            std::cout << "Line " << unit.line_number << ": no digital output handler is installed." << std::endl;
+            return -1;
+        }
+        actions->output[k] = dout.output;
+        actions->value[k] = dout.on ? 1 : 0;
+    }
+    ++actions->count;
+    return 0;
+}
+
 }  // namespace
 
 int InstructionDataToMoveData(std::list<InstructionUnit>* list, InterpolationData* table,
@@ -112,7 +150,12 @@ int InstructionDataToMoveData(std::list<InstructionUnit>* list, InterpolationDat
 
     int index = 0;
     const double* previous_target = current_joint;
+    // TIMER and DOUT lines since the last move: with the program I/O switch
+    // on they run before the next move (after the last, when none follows).
+    ProgramActions pending;
+    const bool actions = GetResourceDate()->program_io_switch;
     for (const InstructionUnit& unit : *list) {
+        if (unit.kind != kMoveInstruction && actions && AddAction(unit, &pending) < 0) return -1;
         if (unit.kind != kMoveInstruction) continue;  // TIMER and DOUT take no time here
         const MoveInstructionData& move = unit.data.move_data;
         if (index >= kInterpolationTableSize) {
@@ -163,8 +206,17 @@ int InstructionDataToMoveData(std::list<InstructionUnit>* list, InterpolationDat
             data.rotate_acc_dec = rotate_limits;
         }
         data.line_number = unit.line_number;
+        data.before = pending;
+        data.after = ProgramActions();
+        pending = ProgramActions();
         previous_target = data.target_position;
         ++index;
+    }
+    if (index > 0) {
+        table[index - 1].after = pending;
+    } else if (pending.count > 0) {
+        std::cout << "Line " << pending.line[0] << ": TIMER and DOUT lines without a move; nothing to run."
+                  << std::endl;
     }
     if (count != nullptr) *count = index;
     return index;

@@ -20,6 +20,17 @@ constexpr int kInterpolationTableSize = 1000;
 // Degrees to radians with the system's truncated pi (3.1415926 / 180).
 constexpr double kProgramDegreeToRadian = 0.017453292222222222;
 
+// What a program does between two moves when it runs its TIMER and DOUT
+// lines (system_parameters row 7 "ON"): waits and output switches, in file
+// order, with the arm at rest.
+constexpr int kMaxProgramActions = 16;
+struct ProgramActions {
+    int count = 0;
+    int line[kMaxProgramActions] = {};    // program line of each
+    int output[kMaxProgramActions] = {};  // digital output, or -1 for a wait
+    int value[kMaxProgramActions] = {};   // wait: ms; output: 1 on, 0 off
+};
+
 // One program move, ready for interpolation. Joint vectors hold J doubles
 // (J = Robot::GetRobotJointNum), radians.
 struct InterpolationData {
@@ -41,6 +52,8 @@ struct InterpolationData {
     double start_position[kMaxJointNum] = {};
     double auxiliary_position[kMaxJointNum] = {};  // circular moves: the arc's middle
     double target_position[kMaxJointNum] = {};
+    ProgramActions before;  // run before this move starts
+    ProgramActions after;   // run after this move (the program's last move only)
 
     // Prepares this move's segment with the speed overrides applied. 0, or -1
     // when a Cartesian segment cannot be built (its times are then unset).
@@ -52,7 +65,8 @@ struct InterpolationData {
 
 // Converts the move instructions of `list` into table[0..] (at most
 // kInterpolationTableSize entries), chaining start positions from
-// current_joint. TIMER and DOUT lines are skipped. Returns the number of moves
+// current_joint. TIMER and DOUT lines are skipped, or, with the program I/O
+// switch on, kept as the actions around the moves. Returns the number of moves
 // (also stored in *count), or -1 with a message.
 int InstructionDataToMoveData(std::list<InstructionUnit>* list, InterpolationData* table,
                               double* current_joint, Robot* robot, int* count);

@@ -5,6 +5,7 @@
 // a/d acceleration/deceleration limit, j jerk.
 #include "speed_profile.h"
 
+#include <algorithm>
 #include <cmath>
 #include <iostream>
 
@@ -83,6 +84,145 @@ double FittedJerk(SpeedProfile& p) {
     return std::fabs(p.ttotal_) < 1e-5 ? 0.0 : recalculate_profile1(p.distance_, p.t_);
 }
 
+// ---- Distinct acceleration and deceleration limits (amax_ != dmax_).
+//
+// Each side, phases 1-3 from vs up to the peak and phases 5-7 from the peak
+// down to ve, is planned with its own limit and re-fitted with its own jerk.
+// A side's acceleration is a pulse symmetric in time, so its mean speed is the
+// mean of its end speeds whatever its jerk: a plan with peak v covers
+// (vs + v) Ta/2 + v Tv + (v + ve) Td/2.
+
+// Relative slack on the limits for the rounding errors of a re-fit.
+constexpr double kLimitSlack = 1e-9;
+// Longest jerk pulse (in periods) that rounding tries before refusing.
+constexpr long kMaxPulsePeriods = 1L << 20;
+
+// Jerk that drives phases 5-7.
+double DecelerationJerk(const SpeedProfile& p) { return p.amax_ == p.dmax_ ? p.jerk_ : p.jerk_dec_; }
+
+// Jerk phase tj and constant phase tc (s) of a side that changes the speed by
+// dv >= 0 under the limit lim and the jerk j.
+void SideTimes(double dv, double lim, double j, double* tj, double* tc) {
+    if (dv >= lim * lim / j) {
+        *tj = lim / j;
+        *tc = std::max(0.0, dv / lim - lim / j);
+    } else {
+        *tj = std::sqrt(dv / j);
+        *tc = 0.0;
+    }
+}
+
+// Distance covered by a side between the speeds v0 and v >= v0.
+double SideDistance(double v, double v0, double lim, double j) {
+    double tj, tc;
+    SideTimes(v - v0, lim, j, &tj, &tc);
+    return (v + v0) / 2 * (2 * tj + tc);
+}
+
+// Leaves a motionless profile that callers recognise by refused_.
+void Refuse(SpeedProfile& p) {
+    StoreDurations(p, 0.0, 0.0, 0.0, 0.0, 0.0);
+    p.jerk_ = 0.0;
+    p.jerk_dec_ = 0.0;
+    p.refused_ = true;
+}
+
+// Plans a profile of length >= em: the commanded peak with a cruise when the
+// two sides fit into the distance, else the peak in [max(vs, ve), vmax] at
+// which they just fill it. Both jerks stay the given jerk.
+void PlanDistinctLimits(SpeedProfile& p) {
+    const double h = p.distance_, vs = p.vstart_, ve = p.vend_, a = p.amax_, d = p.dmax_, j = p.jerk_;
+    double v = p.vmax_;
+    for (double x : {h, v, vs, ve, a, d, j}) {
+        if (!std::isfinite(x)) return Refuse(p);
+    }
+    if (!(a > 0 && d > 0 && j > 0 && v > 0 && vs >= 0 && ve >= 0) || v < std::max(vs, ve)) return Refuse(p);
+
+    auto covered = [&](double m) { return SideDistance(m, vs, a, j) + SideDistance(m, ve, d, j); };
+    double tv = 0.0;
+    const double full = covered(v);
+    if (full <= h) {
+        tv = (h - full) / v;
+    } else {
+        // covered() grows with the peak: halve down to adjacent doubles, take
+        // the lower end and let a cruise of rounding size close the gap.
+        double lo = std::max(vs, ve), hi = v;
+        if (covered(lo) > h) return Refuse(p);  // too short for the change of speed
+        for (;;) {
+            const double m = lo + (hi - lo) / 2;
+            if (m <= lo || m >= hi) break;
+            (covered(m) <= h ? lo : hi) = m;
+        }
+        v = lo > 0 ? lo : hi;
+        tv = std::max(0.0, (h - covered(v)) / v);
+        p.vmax_ = v;
+    }
+    double tj1, tac, tj2, tdc;
+    SideTimes(v - vs, a, j, &tj1, &tac);
+    SideTimes(v - ve, d, j, &tj2, &tdc);
+    StoreDurations(p, tj1, tac, tv, tj2, tdc);
+}
+
+// Peak and the two jerks with which the stored durations cover distance_ from
+// vstart_ to vend_. False when there are none: a side whose two jerk phases
+// differ, a side without jerk phase whose end speeds differ, a negative or
+// non-finite peak or jerk.
+bool FitSides(const SpeedProfile& p, double* jerk_acc, double* jerk_dec) {
+    const double* t = p.t_;
+    if (t[0] != t[2] || t[4] != t[6]) return false;
+    const double peak = (p.distance_ - p.vstart_ * p.ta_ / 2 - p.vend_ * p.td_ / 2) / (p.ta_ / 2 + t[3] + p.td_ / 2);
+    if (!(peak >= 0) || !std::isfinite(peak)) return false;
+    auto side = [peak](double v0, double tj, double tc, double* jerk) {
+        *jerk = 0.0;
+        if (tj == 0) return tc == 0 && std::fabs(peak - v0) <= 1e-12 * std::max(peak, v0);
+        *jerk = (peak - v0) / (tj * (tj + tc));
+        return std::isfinite(*jerk);
+    };
+    return side(p.vstart_, t[0], t[1], jerk_acc) && side(p.vend_, t[4], t[5], jerk_dec);
+}
+
+// Rounds a planned profile to whole periods and re-fits the peak and both
+// jerks (FitSides). The jerk and constant phases are rounded up and the cruise
+// is the shortest whole number of periods that keeps the peak at or below
+// vmax_, so a side that still rises to the peak keeps its jerk and
+// acceleration within the plan's. A side whose planned change of speed is
+// smaller than that lowering of the peak, or that has no duration at all (a
+// start at vmax_), changes its speed a little the other way (negative jerk);
+// when that breaks a limit, every jerk phase is lengthened to k periods,
+// k = 1, 2, ..., spreading the change while the cruise pays for the time.
+// Refused once the cruise is used up.
+void RoundDistinctLimits(SpeedProfile& p) {
+    if (p.refused_) return;
+    if (p.distance_ < em) {
+        StoreDurations(p, 0.0, 0.0, 0.0, 0.0, 0.0);
+        p.jerk_ = p.jerk_dec_ = 0.0;
+        return;
+    }
+    const double h = p.distance_, v = p.vmax_, vs = p.vstart_, ve = p.vend_;
+    const double jerk = std::fabs(p.jerk_), a = p.amax_ * (1 + kLimitSlack), d = p.dmax_ * (1 + kLimitSlack);
+    if (!(std::isfinite(h) && std::isfinite(v) && v > 0)) return Refuse(p);
+    double tj1 = RoundUpToPeriod(p.t_[0]), tj2 = RoundUpToPeriod(p.t_[4]);
+    const double tac = RoundUpToPeriod(p.t_[1]), tdc = RoundUpToPeriod(p.t_[5]);
+    // A constant phase needs a jerk phase on each side of it.
+    if (tj1 == 0 && tac > 0) tj1 = PERIOD;
+    if (tj2 == 0 && tdc > 0) tj2 = PERIOD;
+    for (long k = 0;; ++k) {
+        const double t1 = std::max(tj1, k * PERIOD), t2 = std::max(tj2, k * PERIOD);
+        const double ta = 2 * t1 + tac, td = 2 * t2 + tdc;
+        // Cruise (s) that keeps the peak exactly at v.
+        const double ideal = (h - vs * ta / 2 - ve * td / 2) / v - ta / 2 - td / 2;
+        StoreDurations(p, t1, tac, ideal > 0 ? std::ceil(ideal / PERIOD) * PERIOD : 0.0, t2, tdc);
+        double ja, jd;
+        if (FitSides(p, &ja, &jd) && std::fabs(ja) <= jerk * (1 + kLimitSlack) && std::fabs(ja) * t1 <= a &&
+            std::fabs(jd) <= jerk * (1 + kLimitSlack) && std::fabs(jd) * t2 <= d) {
+            p.jerk_ = ja;
+            p.jerk_dec_ = jd;
+            return;
+        }
+        if (!(ideal > 0) || k >= kMaxPulsePeriods) return Refuse(p);
+    }
+}
+
 }  // namespace
 
 double bisection_method_f1(double lo, double hi, double a, double jerk, double vstart,
@@ -115,6 +255,8 @@ void SpeedProfile::set_parameters(double distance, double vmax, double vstart, d
     amax_ = amax;
     dmax_ = dmax;
     jerk_ = jerk;
+    jerk_dec_ = jerk;
+    refused_ = false;
 }
 
 void SpeedProfile::calculate_jerk_limit_profile_time() {
@@ -125,11 +267,13 @@ void SpeedProfile::calculate_jerk_limit_profile_time() {
     const double d = dmax_;
     const double j = jerk_;
 
+    refused_ = false;
     if (h < 1e-5) {
         // ta_, td_ and ttotal_ keep their values; time_rounding zeroes them.
         for (double& t : t_) t = 0.0;
         return;
     }
+    if (a != d) return PlanDistinctLimits(*this);
 
     // Both sides planned with the commanded peak.
     double v = vmax_;
@@ -240,6 +384,7 @@ void SpeedProfile::calculate_jerk_limit_profile_time() {
 }
 
 void SpeedProfile::time_rounding() {
+    if (amax_ != dmax_) return RoundDistinctLimits(*this);
     StoreDurations(*this, RoundUpToPeriod(t_[0]), RoundUpToPeriod(t_[1]), RoundUpToPeriod(t_[3]),
                    RoundUpToPeriod(t_[4]), RoundUpToPeriod(t_[5]));
     // The longer durations need a smaller jerk to cover the same distance.
@@ -248,6 +393,7 @@ void SpeedProfile::time_rounding() {
 
 void SpeedProfile::calculate_flow_parameters() {
     const double j = jerk_;
+    const double jd = DecelerationJerk(*this);
     const double* tau = t_;
     double(*s)[3] = phase_end_;
 
@@ -269,23 +415,23 @@ void SpeedProfile::calculate_flow_parameters() {
     s[3][kPhaseAcceleration] = 0.0;
     s[3][kPhaseSpeed] = s[2][kPhaseSpeed];
     s[3][kPhasePosition] = s[2][kPhasePosition] + s[2][kPhaseSpeed] * tau[3];
-    // Phase 5: jerk -j into the deceleration.
+    // Phase 5: jerk -jd into the deceleration.
     const double a4 = s[3][kPhaseAcceleration];
-    s[4][kPhaseAcceleration] = a4 - j * tau[4];
-    s[4][kPhaseSpeed] = s[3][kPhaseSpeed] + a4 * tau[4] - j * tau[4] * tau[4] / 2;
+    s[4][kPhaseAcceleration] = a4 - jd * tau[4];
+    s[4][kPhaseSpeed] = s[3][kPhaseSpeed] + a4 * tau[4] - jd * tau[4] * tau[4] / 2;
     s[4][kPhasePosition] = s[3][kPhasePosition] + s[3][kPhaseSpeed] * tau[4] +
-                           a4 * tau[4] * tau[4] / 2 - j * tau[4] * tau[4] * tau[4] / 6;
+                           a4 * tau[4] * tau[4] / 2 - jd * tau[4] * tau[4] * tau[4] / 6;
     // Phase 6: constant deceleration.
     const double a5 = s[4][kPhaseAcceleration];
     s[5][kPhaseAcceleration] = a5;
     s[5][kPhaseSpeed] = s[4][kPhaseSpeed] + a5 * tau[5];
     s[5][kPhasePosition] = s[4][kPhasePosition] + s[4][kPhaseSpeed] * tau[5] + a5 * tau[5] * tau[5] / 2;
-    // Phase 7: jerk +j back to rest acceleration.
+    // Phase 7: jerk +jd back to rest acceleration.
     const double a6 = s[5][kPhaseAcceleration];
-    s[6][kPhaseAcceleration] = a6 + j * tau[6];
-    s[6][kPhaseSpeed] = s[5][kPhaseSpeed] + a6 * tau[6] + j * tau[6] * tau[6] / 2;
+    s[6][kPhaseAcceleration] = a6 + jd * tau[6];
+    s[6][kPhaseSpeed] = s[5][kPhaseSpeed] + a6 * tau[6] + jd * tau[6] * tau[6] / 2;
     s[6][kPhasePosition] = s[5][kPhasePosition] + s[5][kPhaseSpeed] * tau[6] +
-                           a6 * tau[6] * tau[6] / 2 + j * tau[6] * tau[6] * tau[6] / 6;
+                           a6 * tau[6] * tau[6] / 2 + jd * tau[6] * tau[6] * tau[6] / 6;
 }
 
 void SpeedProfile::jerk_limit_profile() {
@@ -300,16 +446,26 @@ void SpeedProfile::jerk_limit_profile_rounding() {
 }
 
 void SpeedProfile::recalculate_profile(double* times) {
+    if (refused_) return calculate_flow_parameters();  // stays motionless
     for (int i = 0; i < 7; ++i) t_[i] = times[i];
     ta_ = 2 * t_[0] + t_[1];
     td_ = 2 * t_[4] + t_[5];
     ttotal_ = ta_ + t_[3] + td_;
-    jerk_ = FittedJerk(*this);
+    if (amax_ == dmax_) {
+        jerk_ = FittedJerk(*this);
+    } else if (std::fabs(ttotal_) < em) {
+        // No time: only a zero-length move fits.
+        if (!(distance_ < em)) Refuse(*this);
+        jerk_ = jerk_dec_ = 0.0;
+    } else if (!FitSides(*this, &jerk_, &jerk_dec_)) {
+        Refuse(*this);
+    }
     calculate_flow_parameters();
 }
 
 void SpeedProfile::calculate_current_speed(double t, double* out) {
     const double j = jerk_;
+    const double jd = DecelerationJerk(*this);
     const double* tau = t_;
     const double(*s)[3] = phase_end_;
     // Cumulative ends of phases 1..6 (s).
@@ -343,9 +499,9 @@ void SpeedProfile::calculate_current_speed(double t, double* out) {
         out[0] = s[2][kPhasePosition] + s[2][kPhaseSpeed] * tp;
     } else if (ends_phase(4)) {
         tp = t - c[3];
-        out[1] = s[3][kPhaseSpeed] + s[3][kPhaseAcceleration] * tp - j * tp * tp / 2;
+        out[1] = s[3][kPhaseSpeed] + s[3][kPhaseAcceleration] * tp - jd * tp * tp / 2;
         out[0] = s[3][kPhasePosition] + s[3][kPhaseSpeed] * tp +
-                 s[3][kPhaseAcceleration] * tp * tp / 2 - j * tp * tp * tp / 6;
+                 s[3][kPhaseAcceleration] * tp * tp / 2 - jd * tp * tp * tp / 6;
     } else if (ends_phase(5)) {
         tp = t - c[4];
         out[1] = s[4][kPhaseSpeed] + s[4][kPhaseAcceleration] * tp;
@@ -353,9 +509,9 @@ void SpeedProfile::calculate_current_speed(double t, double* out) {
     } else {
         // Phase 7; also extrapolates times beyond the end.
         tp = t - c[5];
-        out[1] = s[5][kPhaseSpeed] + s[5][kPhaseAcceleration] * tp + j * tp * tp / 2;
+        out[1] = s[5][kPhaseSpeed] + s[5][kPhaseAcceleration] * tp + jd * tp * tp / 2;
         out[0] = s[5][kPhasePosition] + s[5][kPhaseSpeed] * tp +
-                 s[5][kPhaseAcceleration] * tp * tp / 2 + j * tp * tp * tp / 6;
+                 s[5][kPhaseAcceleration] * tp * tp / 2 + jd * tp * tp * tp / 6;
     }
 }
 

@@ -31,8 +31,15 @@ struct AccDecDate {
 // Index of the quantities inside one end-of-phase state of SpeedProfile::phase_end_.
 enum PhaseState { kPhaseSpeed = 0, kPhaseAcceleration = 1, kPhasePosition = 2 };
 
-// Plain record of 38 doubles. Every field starts at zero; set_parameters fills
-// the seven inputs, planning fills the rest.
+// Plain record: 38 doubles of the plan, then the jerk of the deceleration side
+// and the refusal flag. Every field starts at zero; set_parameters fills the
+// seven inputs, planning fills the rest.
+//
+// Equal limits (amax_ == dmax_) give the classic single-jerk profile: one jerk
+// for both sides, re-fitted after rounding for moves from rest to rest only.
+// Distinct limits plan, round and re-fit each side on its own: jerk_ drives
+// phases 1-3 and jerk_dec_ phases 5-7, and the rounded profile covers
+// distance_ from vstart_ to vend_ exactly, or is refused.
 struct SpeedProfile {
     double distance_ = 0.0;  // length of the motion, >= 0
     double vmax_ = 0.0;      // commanded peak speed; lowered by planning when unreachable
@@ -40,7 +47,11 @@ struct SpeedProfile {
     double vend_ = 0.0;      // speed at the end
     double amax_ = 0.0;      // acceleration limit
     double dmax_ = 0.0;      // deceleration limit (positive)
-    double jerk_ = 0.0;      // jerk; re-fitted after rounding or synchronisation
+    // Jerk: phase 1 +jerk_, phase 3 -jerk_; with equal limits also phase 5
+    // -jerk_, phase 7 +jerk_. Re-fitted after rounding or synchronisation; with
+    // distinct limits the re-fit is signed (negative: phases 1-3 slow down a
+    // little to absorb the rounding).
+    double jerk_ = 0.0;
     // State (speed, acceleration, position) at the end of phases 1..7.
     double phase_end_[7][3] = {};
     // Phase durations Tj1, Tac, Tj1, Tv, Tj2, Tdc, Tj2 (s).
@@ -48,22 +59,36 @@ struct SpeedProfile {
     double ta_ = 0.0;      // acceleration time 2*Tj1 + Tac (s)
     double td_ = 0.0;      // deceleration time 2*Tj2 + Tdc (s)
     double ttotal_ = 0.0;  // ta_ + Tv + td_ (s)
+    // Distinct limits only: jerk of the deceleration side, phase 5 -jerk_dec_,
+    // phase 7 +jerk_dec_ (signed like jerk_). Ignored when amax_ == dmax_.
+    double jerk_dec_ = 0.0;
+    // Distinct limits only: set when the request cannot be met (a limit not
+    // positive or not finite, vmax below vstart or vend, a distance too short
+    // for the change of speed, or a rounding or synchronisation that would
+    // break a limit or the boundary speeds). The profile is then motionless:
+    // durations, totals and jerks 0. Cleared by set_parameters.
+    bool refused_ = false;
 
-    // Stores the seven inputs, nothing else.
+    // Stores the seven inputs (jerk also as jerk_dec_) and clears refused_.
     void set_parameters(double distance, double vmax, double vstart, double vend,
                         double amax, double dmax, double jerk);
     // Plans the seven durations and the three totals; may lower vmax_.
     void calculate_jerk_limit_profile_time();
     // Rounds the durations up to whole control periods and re-fits jerk_.
+    // Distinct limits: the cruise is the shortest whole number of periods that
+    // keeps the peak at or below vmax_, a side without duration whose boundary
+    // speed must still be met gets a short jerk pulse taken from the cruise,
+    // and both jerks are re-fitted within the given jerk, amax_ and dmax_.
     void time_rounding();
-    // Fills phase_end_ from vstart_, jerk_ and the durations.
+    // Fills phase_end_ from vstart_, the jerks and the durations.
     void calculate_flow_parameters();
     // Plan + states, without rounding.
     void jerk_limit_profile();
     // Plan + rounding + states.
     void jerk_limit_profile_rounding();
     // Imposes seven phase durations (s), re-fits jerk_ to cover distance_ in
-    // them and recomputes the states.
+    // them and recomputes the states. Distinct limits re-fit both sides from
+    // vstart_ to vend_ (the limits are not re-checked, as with equal limits).
     void recalculate_profile(double* times);
     // out[0] = position, out[1] = speed at time t (s) from the start of the motion.
     void calculate_current_speed(double t, double* out);

@@ -152,3 +152,38 @@ TEST(Mode4, ContinuousCyclesUntilCtrlC) {
     EXPECT_NE(r.run.out.find("Cycle count : 1\nCycle count : 2\n"), std::string::npos) << r.run.out;
     ExpectWithinLimits(r);
 }
+
+// With the program I/O switch (row 7) on, as in the demo database, the demo's
+// DOUT lines switch output 1 on and off in the flight recording and each
+// TIMER T=300 holds the arm 300 ms at rest, blended or not; "OFF" keeps the
+// described no-ops.
+TEST(Mode4, TimerWaitsAndDoutSwitchesWithTheProgramIoSwitch) {
+    for (const char* io : {"ON", "OFF"}) {
+        for (const char* blend : {"NO", "YES"}) {
+            tqltest::ScratchDir dir(false);
+            ASSERT_TRUE(tqltest::ExecSql(dir.File("parameter.db"),
+                                         std::string("UPDATE system_parameters SET VALUE='") + io + "' WHERE ID=7"));
+            const tqltest::HostRun run = tqltest::RunHost(dir.path(), {"mode4"}, std::string("1\nCYCLE\n") + blend + "\n",
+                                                          {{"TQL_SIM_RECORD", "rec.csv"}});
+            EXPECT_EQ(run.exit_code, 0) << run.out;
+            std::vector<double> times;  // actuator 1's set-points
+            std::string outputs;        // "1" / "0" per switch of output 1, in order
+            std::istringstream rec(tqltest::ReadFile(dir.File("rec.csv")));
+            for (std::string line; std::getline(rec, line);) {
+                double t = 0, value = 0;
+                int id = 0, mode = 0;
+                char command[64] = {};
+                if (std::sscanf(line.c_str(), "%lf,%d,%d,%63[^,],%lf", &t, &id, &mode, command, &value) != 5) continue;
+                if (std::string(command) == "setPosition" && id == 1) times.push_back(t);
+                if (std::string(command) == "digitalOutput" && id == 1) outputs += value == 1 ? "1" : "0";
+            }
+            std::vector<double> rests;
+            for (size_t k = 1; k < times.size(); ++k)
+                if (times[k] - times[k - 1] > 0.05) rests.push_back(times[k] - times[k - 1]);
+            const bool on = std::string(io) == "ON";
+            EXPECT_EQ(outputs, on ? "10" : "") << io << " " << blend;
+            ASSERT_EQ(rests.size(), on ? 2u : 0u) << io << " " << blend;
+            for (double rest : rests) EXPECT_NEAR(rest, 0.304, 1e-6) << io << " " << blend;  // 300 ms + one period
+        }
+    }
+}

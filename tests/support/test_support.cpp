@@ -20,6 +20,7 @@
 
 #include "execute.h"
 #include "instruction.h"
+#include "interface.h"
 #include "sim_control.h"
 #include "timing.h"
 
@@ -53,6 +54,7 @@ int BootSimulatedArm(void (*sleep)(double), std::string* out) {
     tql_sim_reset();
     tql::SetSleepFunction(sleep ? sleep : &tql_sim_sleep);
     tql::SetClockFunction(&tql_sim_now);
+    SetDigitalOutputHandler(&tql_sim_digital_output);
     return Quiet([] { return Boot(); }, out);
 }
 

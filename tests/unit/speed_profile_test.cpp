@@ -1,15 +1,18 @@
 // Jerk-limited speed profile: reference plans of each branch, a seeded random
-// sweep with the invariants every motion loop relies on, the phase-boundary
-// rules of sampling and termination of the peak search.
+// sweep with the invariants every motion loop relies on, one with distinct
+// acceleration and deceleration limits checked by re-integrating each profile,
+// the phase-boundary rules of sampling and termination of the peak search.
 #include "speed_profile.h"
 
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <array>
 #include <cmath>
 #include <limits>
 #include <random>
 #include <string>
+#include <vector>
 
 namespace {
 
@@ -134,6 +137,121 @@ TEST(SpeedProfileSweep, RandomMovesKeepTheirInvariants) {
     const int seen[] = {cruise, acc_limited, jerk_only, equal_ends, unequal_ends, lowered};
     const int least[] = {1000, 300, 800, 1000, 1000, 600};
     for (int k = 0; k < 6; ++k) EXPECT_GT(seen[k], least[k]) << "branch " << k;
+}
+
+// Re-integrates a rounded profile from its own jerk phases (+jerk_, 0, -jerk_,
+// 0, -jerk_dec_, 0, +jerk_dec_ over t_) with exact cubic steps and compares
+// sampling with it at every phase end and inside every phase. The end state is
+// (distance_, vend_) at rest acceleration; every phase is whole periods;
+// |jerk| <= j, |acceleration| <= amax_ in phases 1-3 and dmax_ in 5-7 (it is
+// linear in each phase, so the ends bound it) and the speed stays in [0, v].
+void CheckByIntegration(SpeedProfile& p, double v, double j) {
+    const double jerks[7] = {p.jerk_, 0.0, -p.jerk_, 0.0, -p.jerk_dec_, 0.0, p.jerk_dec_};
+    const double tol = 1e-9 * std::max(1.0, p.distance_), vtol = 1e-9 * std::max(1.0, v), slack = 1 + 1e-9;
+    double s = 0.0, sp = p.vstart_, acc = 0.0, begin = 0.0;
+    for (int k = 0; k < 7; ++k) {
+        const double tau = p.t_[k], jk = jerks[k];
+        ASSERT_TRUE(IsWholePeriods(tau)) << "phase " << k + 1 << " " << tau;
+        for (int q = 1; q <= 8; ++q) {
+            const double x = tau * q / 8;
+            const double pos = s + sp * x + acc * x * x / 2 + jk * x * x * x / 6;
+            const double speed = sp + acc * x + jk * x * x / 2;
+            ASSERT_NEAR(Position(p, begin + x), pos, tol) << "phase " << k + 1 << " at " << q << "/8";
+            ASSERT_NEAR(Speed(p, begin + x), speed, vtol) << "phase " << k + 1 << " at " << q << "/8";
+            ASSERT_TRUE(speed >= -vtol && speed <= v + vtol) << "phase " << k + 1 << " speed " << speed;
+        }
+        s += sp * tau + acc * tau * tau / 2 + jk * tau * tau * tau / 6;
+        sp += acc * tau + jk * tau * tau / 2;
+        acc += jk * tau;
+        begin += tau;
+        ASSERT_LE(std::fabs(jk), j * slack) << "phase " << k + 1;
+        ASSERT_LE(std::fabs(acc), (k < 3 ? p.amax_ : p.dmax_) * slack) << "end of phase " << k + 1;
+    }
+    EXPECT_NEAR(begin, p.ttotal_, 1e-9);
+    EXPECT_NEAR(s, p.distance_, tol);
+    EXPECT_NEAR(sp, p.vend_, vtol);
+    EXPECT_NEAR(acc, 0.0, 1e-9 * std::max(p.amax_, p.dmax_));
+}
+
+// Distinct acceleration and deceleration limits, rounded: rest to rest, a
+// brake from vstart (up to vmax) to rest and moves between two speeds. Each
+// plan is re-integrated (CheckByIntegration) or refused as a motionless
+// profile; moves from rest to rest are never refused and stay exact when
+// synchronised onto a longer cruise.
+TEST(SpeedProfileSweep, DistinctDecelerationLimitCoversTheDistanceOrRefuses) {
+    // {h, v, vs, ve, a, d, j, peak planned before rounding (0: not checked),
+    //  refused (0 no, 1 by the rounding, 2 by the planning, -1 not checked)}
+    const double peak = (-0.125 + std::sqrt(5.015625)) / 2.5;  // 1.25 m^2 + 0.125 m = 1
+    std::vector<std::array<double, 9>> cases = {
+        {1, 1, 0, 0, 2, 0.5, 10, peak, 0},  // once covered 2.04 and ended at speed -0.023
+        {3, 1, 1, 0, 2, 0.5, 10, 1, 0},     // brake after a cruise at vstart = vmax
+        {1.2, 1, 1, 0, 0.5, 2, 10, 1, 0},   // the same, shorter, harder brake
+        {1.03, 1, 1, 0, 2, 0.5, 10, 1, 1},  // 1.025 brake + 5 ms cruise: too little to round
+        {0.5, 1, 1, 0, 2, 0.5, 10, 0, 2},   // shorter than the brake
+        {1, 0.5, 1, 0, 2, 0.5, 10, 0, 2},   // vmax below vstart
+        {1, 1, 0, 0, 2, 0, 10, 0, 2},       // no deceleration
+    };
+    const size_t references = cases.size();
+    std::mt19937 rng(20240611);
+    std::uniform_real_distribution<double> unit(0.0, 1.0);
+    for (int i = 0; i < 20000; ++i) {
+        const double scale = i % 2 == 1 ? 100.0 : 1.0;
+        const double v = scale * (0.05 + 3.0 * unit(rng));
+        const double a = scale * (0.2 + 10.0 * unit(rng));
+        const double d = a * std::pow(10.0, unit(rng) < 0.5 ? -1.0 + unit(rng) : unit(rng));
+        const double j = scale * (1.0 + 100.0 * unit(rng));
+        const double h = scale * std::pow(10.0, -4.0 + 7.0 * unit(rng));
+        const int kind = i % 4;  // 0 rest to rest, 1 brake from vmax, 2 brake, 3 two speeds
+        const double vs = kind == 0 ? 0.0 : kind == 1 ? v : v * unit(rng);
+        const double ve = kind == 3 ? v * unit(rng) : 0.0;
+        cases.push_back({h, v, vs, ve, a, d, j, 0.0, kind == 0 ? 0.0 : -1.0});
+    }
+    int kept[4] = {}, refused = 0, reversed = 0;
+    for (size_t i = 0; i < cases.size(); ++i) {
+        const auto& c = cases[i];
+        SCOPED_TRACE("case " + std::to_string(i) + " h=" + std::to_string(c[0]) + " v=" + std::to_string(c[1]) +
+                     " vs=" + std::to_string(c[2]) + " ve=" + std::to_string(c[3]) + " a=" + std::to_string(c[4]) +
+                     " d=" + std::to_string(c[5]) + " j=" + std::to_string(c[6]));
+        SpeedProfile p;
+        p.set_parameters(c[0], c[1], c[2], c[3], c[4], c[5], c[6]);
+        p.calculate_jerk_limit_profile_time();
+        if (c[7] > 0) {
+            EXPECT_NEAR(p.vmax_, c[7], 1e-12);
+        }
+        if (c[8] >= 0) {
+            ASSERT_EQ(p.refused_, c[8] == 2);
+        }
+        const bool long_cruise = !p.refused_ && p.t_[3] >= 0.25;
+        p.time_rounding();
+        p.calculate_flow_parameters();
+        if (c[8] >= 0) {
+            ASSERT_EQ(p.refused_, c[8] >= 1);
+        }
+        if (p.refused_) {
+            ASSERT_FALSE(long_cruise) << "a quarter second of cruise pays for any rounding here";
+            ++refused;
+            EXPECT_TRUE(p.ttotal_ == 0.0 && p.jerk_ == 0.0 && p.jerk_dec_ == 0.0 && Position(p, 0.0) == 0.0);
+            for (double x : p.phase_end_[6]) EXPECT_TRUE(std::isfinite(x));
+            continue;
+        }
+        if (p.jerk_ < 0 || p.jerk_dec_ < 0) ++reversed;
+        CheckByIntegration(p, c[1], c[6]);
+        if (i >= references) ++kept[(i - references) % 4];
+        if (c[2] == 0.0 && c[3] == 0.0) {  // synchronised onto a longer cruise
+            double times[7];
+            std::copy(p.t_, p.t_ + 7, times);
+            times[3] += PERIOD * (1 + static_cast<int>(i % 50));
+            p.recalculate_profile(times);
+            ASSERT_FALSE(p.refused_);
+            CheckByIntegration(p, c[1], c[6]);
+        }
+        if (HasFatalFailure()) return;
+    }
+    // Every kind is planned, some with a side reversed to absorb the rounding,
+    // and some refused (too short to change the speed, or too little cruise).
+    for (int k = 0; k < 4; ++k) EXPECT_GT(kept[k], 2000) << "kind " << k;
+    EXPECT_GT(reversed, 2000);
+    EXPECT_GT(refused, 5000);
 }
 
 // A profile whose stored states are markers: with jerk 0 the speed sampled in
