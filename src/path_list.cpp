@@ -42,6 +42,12 @@ void CopyJoints(const double* from, double* to, int n) {
     for (int i = 0; i < n; ++i) to[i] = from[i];
 }
 
+bool SameJoints(const double* a, const double* b, int n) {
+    for (int i = 0; i < n; ++i)
+        if (a[i] != b[i]) return false;
+    return true;
+}
+
 double Distance3(const double* a, const double* b) {
     double d[3];
     for (int i = 0; i < 3; ++i) d[i] = b[i] - a[i];
@@ -186,11 +192,13 @@ int InterpolationData::MovePathFlow(Robot* robot, double* joint, double t) {
     }
 }
 
-int PathListPreprocess(Robot* robot, InterpolationData* table, int count) {
-    // An empty table has no first move to start from.
-    if (robot == nullptr || table == nullptr || count <= 0) return 0;
-    // The program always starts from where the arm actually is.
-    robot->GetCurrentMachineJoint(table[0].start_position);
+namespace {
+
+// Prepares table[0 .. count-1] as one blended run starting at `start` (J
+// joint angles, rad): every move's segment, the blend lengths where two moves
+// meet, no blend into the first or out of the last.
+void PrepareBlendedRun(Robot* robot, InterpolationData* table, int count, const double* start) {
+    CopyJoints(start, table[0].start_position, JointCount(robot));
     for (int i = 0; i < count; ++i) {
         table[i].MovePreProcess(robot);
         if (i > 0) {
@@ -205,6 +213,17 @@ int PathListPreprocess(Robot* robot, InterpolationData* table, int count) {
     }
     table[0].acc_time = 0.0;
     table[count - 1].dec_time = 0.0;
+}
+
+}  // namespace
+
+int PathListPreprocess(Robot* robot, InterpolationData* table, int count) {
+    // An empty table has no first move to start from.
+    if (robot == nullptr || table == nullptr || count <= 0) return 0;
+    // The program always starts from where the arm actually is.
+    double start[kMaxJointNum] = {};
+    robot->GetCurrentMachineJoint(start);
+    PrepareBlendedRun(robot, table, count, start);
     return 0;
 }
 
@@ -277,6 +296,14 @@ int StreamPathList(Robot* robot, InterpolationData* table, int count, int* line)
         InterpolationData& move = table[i];
         if (RunActions(move.before, line, &timer) < 0) return -1;
         *line = move.line_number;
+        // Every move starts from the joints last streamed, not from the
+        // programmed target of the one before (a straight line or an arc ends
+        // on its inverse kinematics' solution): no step between moves.
+        if (i > 0 && !SameJoints(move.start_position, command, n)) {
+            CopyJoints(command, move.start_position, n);
+            move.MovePreProcess(robot);
+            if (CheckPreparedMoves(&move, 1) < 0) return -1;
+        }
         const int ticks = Ticks(move.total_time);
         for (int k = 1; k <= ticks; ++k) {
             if (TakeStopRequest()) return -1;
@@ -290,40 +317,42 @@ int StreamPathList(Robot* robot, InterpolationData* table, int count, int* line)
 }
 
 // Streams moves table[0 .. count-1], prepared, blended among themselves.
-int StreamBlendedSegment(Robot* robot, InterpolationData* table, int count, int* line, tql::PeriodicTimer* timer);
+int StreamBlendedSegment(Robot* robot, InterpolationData* table, int count, int* line, tql::PeriodicTimer* timer,
+                         double* command);
 
 // Blends never cross a TIMER or DOUT line: the run is streamed in segments
 // between them, each ending at rest where the actions run.
 int StreamPathListSmooth(Robot* robot, InterpolationData* table, int count, int* line) {
     if (robot == nullptr || table == nullptr || count < 0) return -1;
     if (count == 0) return 0;
-    // Prepared as one run (from where the arm stands), then cut at the moves
-    // with TIMER or DOUT lines before them: no blend across the cut.
-    PathListPreprocess(robot, table, count);
-    for (int i = 1; i < count; ++i)
-        if (table[i].before.count > 0) table[i - 1].dec_time = table[i].acc_time = 0.0;
-    if (CheckPreparedMoves(table, count) < 0) return -1;
+    // Cut at the moves with TIMER or DOUT lines before them (no blend across
+    // a cut: the arm rests there); each piece is prepared as a blended run
+    // from where the arm stands (the first) or the joints last streamed.
+    double command[kMaxJointNum] = {};
+    robot->GetCurrentMachineJoint(command);
     tql::PeriodicTimer timer(PERIOD);  // one schedule for the whole run
     for (int first = 0; first < count;) {
         int end = first + 1;
         while (end < count && table[end].before.count == 0) ++end;
+        PrepareBlendedRun(robot, table + first, end - first, command);
+        if (CheckPreparedMoves(table + first, end - first) < 0) return -1;
         if (RunActions(table[first].before, line, &timer) < 0) return -1;
-        if (StreamBlendedSegment(robot, table + first, end - first, line, &timer) < 0) return -1;
+        if (StreamBlendedSegment(robot, table + first, end - first, line, &timer, command) < 0) return -1;
         first = end;
     }
     return count > 0 ? RunActions(table[count - 1].after, line, &timer) : 0;
 }
 
-int StreamBlendedSegment(Robot* robot, InterpolationData* table, int count, int* line, tql::PeriodicTimer* timer) {
+int StreamBlendedSegment(Robot* robot, InterpolationData* table, int count, int* line, tql::PeriodicTimer* timer,
+                         double* command) {
     if (count == 0) return 0;
     const int n = JointCount(robot);
-    double command[kMaxJointNum] = {};   // K: the superposed command
+    // command (K, the superposed command): where the last segment left the arm.
     double previous[kMaxJointNum] = {};
     double tail[kMaxJointNum] = {};      // P: position along the finishing move
     double tail_old[kMaxJointNum] = {};
     double head[kMaxJointNum] = {};      // Q: position along the starting move
     double head_old[kMaxJointNum] = {};
-    CopyJoints(table[0].start_position, command, n);
     if (BeginMotion() < 0) return -1;
 
     for (int i = 0; i < count; ++i) {
