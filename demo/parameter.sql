@@ -10,6 +10,7 @@ INSERT INTO system_parameters VALUES (4, 'collision_switch', 'OFF');
 INSERT INTO system_parameters VALUES (5, 'collision_factor', '1.5');
 INSERT INTO system_parameters VALUES (6, 'preflight_switch', 'ON');
 INSERT INTO system_parameters VALUES (7, 'program_io_switch', 'ON');
+INSERT INTO system_parameters VALUES (8, 'cartesian_scaling_switch', 'ON');
 
 CREATE TABLE GL_4L3 (ID INTEGER PRIMARY KEY NOT NULL, NAME TEXT NOT NULL, VALUE TEXT NOT NULL);
 INSERT INTO GL_4L3 VALUES (1, 'joint_speed_deg_s', '[90,90,90,120]');
@@ -45,6 +46,11 @@ INSERT INTO GL_6L3 VALUES (12, 'kinematic_lengths_mm', '[152.0,244.0,213.0,112.0
 -- arm.urdf), and the excitation coefficients designed by tql-excite.
 INSERT INTO GL_6L3 VALUES (13, 'dynamic_parameters', '[0]');
 INSERT INTO GL_6L3 VALUES (14, 'identification_parameters', '[0]');
+-- The workspace: the box xmin, xmax, ymin, ymax, zmin, zmax (mm, base frame)
+-- the flange and the wrist centre never leave: above the table the arm stands
+-- on (z >= 0) and within its reach (an optional row 16 adds half-spaces
+-- nx, ny, nz, d: n . p <= d).
+INSERT INTO GL_6L3 VALUES (15, 'workspace_box_mm', '[-700,700,-700,700,0,900]');
 
 CREATE TABLE GL_2P8_P6_3P3 (ID INTEGER PRIMARY KEY NOT NULL, NAME TEXT NOT NULL, VALUE TEXT NOT NULL);
 INSERT INTO GL_2P8_P6_3P3 VALUES (1, 'joint_speed_deg_s', '[90,90,90,120,120,120]');

@@ -5,6 +5,7 @@
 
 #include <sqlite3.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <cmath>
@@ -179,6 +180,17 @@ int CheckRobotParameters(const ResourceData* rd, int joints, bool cartesian) {
     for (int k = 0; k < 6; ++k)
         if (!std::isfinite(rd->kinematic_lengths[k]))
             return RefuseParameter(type, 12, k, rd->kinematic_lengths[k], "a kinematic length must be finite");
+    for (int k = 0; rd->workspace_box_set && k < 6; k += 2)
+        if (!std::isfinite(rd->workspace_box[k]) || !std::isfinite(rd->workspace_box[k + 1]) ||
+            !(rd->workspace_box[k] < rd->workspace_box[k + 1]))
+            return RefuseParameter(type, 15, k, rd->workspace_box[k],
+                                   "the workspace box takes a finite minimum below its maximum per axis");
+    for (int k = 0; k < 4 * rd->workspace_half_spaces; k += 4) {
+        const double* n = rd->workspace_planes + k;
+        const bool finite = std::isfinite(n[0]) && std::isfinite(n[1]) && std::isfinite(n[2]) && std::isfinite(n[3]);
+        if (!finite || n[0] * n[0] + n[1] * n[1] + n[2] * n[2] == 0.0)
+            return RefuseParameter(type, 16, k, n[0], "a workspace half-space takes a finite, non-zero normal");
+    }
     return 0;
 }
 
@@ -192,6 +204,16 @@ int DatabaseToMechnical(ResourceData* rd) {
     if (GetDataFormChar(Slot(12), rd->kinematic_lengths, 80) < 0) return -1;
     if (GetDataFormChar(Slot(13), rd->dynamic_parameters, 260) < 0) return -1;
     if (GetDataFormChar(Slot(14), rd->identification_parameters, 220) < 0) return -1;
+    // The workspace rows are optional: an absent row reads as an empty text.
+    rd->workspace_box_set = Slot(15)[0] != '\0';
+    if (rd->workspace_box_set && GetDataFormChar(Slot(15), rd->workspace_box, 6) < 0) return -1;
+    rd->workspace_half_spaces = 0;
+    if (Slot(16)[0] != '\0') {
+        int values = 1;
+        for (const char* c = Slot(16); *c != '\0'; ++c) values += *c == ',';
+        rd->workspace_half_spaces = std::min(values / 4, 8);
+        if (GetDataFormChar(Slot(16), rd->workspace_planes, 4 * rd->workspace_half_spaces) < 0) return -1;
+    }
     return 0;
 }
 
@@ -212,6 +234,7 @@ int ReadParameters(const char* file, int flags, ResourceData* rd) {
     rd->collision_factor = std::atof(Slot(5));
     rd->preflight_switch = std::strcmp(Slot(6), "OFF") != 0;
     rd->program_io_switch = std::strcmp(Slot(7), "ON") == 0;
+    rd->cartesian_scaling_switch = std::strcmp(Slot(8), "ON") == 0;
 
     const std::string type_name = Slot(1);
     bool known = false;

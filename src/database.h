@@ -24,6 +24,7 @@ struct ResourceData {
     double collision_factor = 0.0;       // system row 5
     bool preflight_switch = true;        // system row 6 != "OFF": check streams before moving
     bool program_io_switch = false;      // system row 7 == "ON": TIMER waits, DOUT switches outputs
+    bool cartesian_scaling_switch = false;  // system row 8 == "ON": Cartesian and blended moves slowed to the joints' limits
     int robot_type = 0;                  // RobotTypeCode
     double joint_speed[20] = {};         // deg/s
     double joint_acceleration[20] = {};  // deg/s^2
@@ -36,6 +37,14 @@ struct ResourceData {
     double kinematic_lengths[80] = {};   // mm; six-joint arms: d1, a2, a3, d4, d5, d6
     double dynamic_parameters[260] = {};
     double identification_parameters[220] = {};
+    // The workspace (type rows 15 and 16, both optional; no row, no check):
+    // the box xmin, xmax, ymin, ymax, zmin, zmax [mm, base frame] and the
+    // half-spaces nx, ny, nz, d (the side where n . p <= d, p in mm) that the
+    // flange and the wrist centre never leave.
+    bool workspace_box_set = false;
+    double workspace_box[6] = {};
+    int workspace_half_spaces = 0;
+    double workspace_planes[4 * 8] = {};
 };
 
 ResourceData* GetResourceDate();

@@ -136,6 +136,11 @@ public:
 
     // Seven-value pose x, y, z [mm], w, qx, qy, qz of the flange.
     int ForwardKinematics(double* q, double* pose);
+    // 0 when the flange and the wrist centre at joints q stay in the
+    // database's workspace (or there is none), or, already outside at q_last,
+    // get no further out; -1 after a message naming the point and the bound
+    // it leaves (no message with report = false).
+    int CheckWorkspace(double* q, double* q_last, bool report = true);
     // q holds the seed on entry and the solution on success.
     int InverseKinematics(double* q, double* pose);
 

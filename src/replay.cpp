@@ -100,6 +100,9 @@ double LargestPassingOverride(Robot* robot, const double* samples, int rows) {
                 if (!robot->link_[j].PositionAllowed(q, Sample(samples, rows, n, k - 1, j), PERIOD)) return 0.0;
             }
         }
+        // Forward kinematics reads the joints only.
+        double* sample = const_cast<double*>(samples) + static_cast<size_t>(std::min(k, rows - 1)) * n;
+        if (robot->CheckWorkspace(sample, sample - (k < rows ? n : 0), false) < 0) return 0.0;
     }
     for (int step = static_cast<int>(kOverrideHigh / kOverrideStep + 0.5); step * kOverrideStep > kOverrideLow;
          --step) {
@@ -135,6 +138,7 @@ int PreflightJointSamples(Robot* robot, double* samples, int rows, double period
             for (int j = 0; j < n; ++j)
                 if (robot->link_[j].CheckPosition(sample[j], before[j], PERIOD) < 0)
                     return RefuseSample(robot, samples, rows, k);
+            if (robot->CheckWorkspace(sample, before) < 0) return RefuseSample(robot, samples, rows, k);
         }
         if (k > 0 && JointLimitRefuses(robot, samples, rows, k, period_s))
             return RefuseSample(robot, samples, rows, k < rows ? k : rows - 1);

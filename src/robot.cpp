@@ -185,7 +185,7 @@ int Robot::CheckPositionTick(double* q, double* q_last, bool id_as_number) {
         if (!JointErrorFree(i, id_as_number)) return -1;
         if (link_[i].CheckPosition(q[i], q_last[i], PERIOD) < 0) return -1;
     }
-    return 0;
+    return CheckWorkspace(q, q_last);
 }
 
 void Robot::SendPositionTick(double* q) {
@@ -214,7 +214,14 @@ int Robot::SendPosition(double* q, double* q_last) {
 // One set-point with no previous one to measure a speed against: checked
 // against the soft limits only.
 int Robot::SetPosition(double* q) {
-    if (CheckPositionTick(q, q, false) < 0) return -1;
+    // The soft limits, and the workspace against the last set-point sent.
+    double last[kMaxJointNum] = {};
+    CopyRealTimePos(last, joint_num_);
+    for (int i = 0; i < joint_num_; ++i) {
+        if (!JointErrorFree(i, false)) return -1;
+        if (link_[i].CheckPosition(q[i], q[i], PERIOD) < 0) return -1;
+    }
+    if (CheckWorkspace(q, last) < 0) return -1;
     if (tql::InPreflight()) return joint_num_;
     SendPositionTick(q);
     return joint_num_;

@@ -119,6 +119,9 @@ bool LoadArmModel(const std::string& db_path, ArmModel* model, std::string* erro
         joint.InitActuator(static_cast<unsigned char>(i + 1), kDynamicsActuatorType);
         m.kt[i] = joint.kt_;
     }
+    const auto box = rows.find(kWorkspaceRow);
+    m.has_workspace_box = box != rows.end() && !box->second.empty();
+    if (m.has_workspace_box && !ParseList(rows, kWorkspaceRow, m.workspace_box, 6, m.type_name, error)) return false;
     // Lengths d1, a2, a3, d4, d5, d6 (mm) in the joints' modified-DH places, in m.
     ModifiedDhFromLengths(lengths, m.a, m.d);
     for (int i = 0; i < kJoints; ++i) {

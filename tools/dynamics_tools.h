@@ -22,6 +22,8 @@ constexpr int kIdentifiedColumns = kBaseParameterNum + kFrictionColumns;
 // one holding the excitation coefficients.
 constexpr int kDynamicParameterRow = 13;
 constexpr int kExcitationRow = 14;
+// Optional row of the workspace box the flange and the wrist centre keep.
+constexpr int kWorkspaceRow = 15;
 
 // What the tools need of the robot in "parameter.db".
 struct ArmModel {
@@ -34,6 +36,8 @@ struct ArmModel {
     double acceleration_limit[kJoints] = {};  // rad/s^2
     double parameters[kIdentifiedColumns] = {};  // row 13 as stored (missing entries 0)
     double excitation[kJoints * kExcitationCoefficients] = {};  // row 14
+    bool has_workspace_box = false;  // row 15, optional
+    double workspace_box[6] = {};    // xmin, xmax, ymin, ymax, zmin, zmax, mm
 };
 
 // Reads the robot type and its table. False with a message in *error when the

@@ -6,7 +6,8 @@
 // run's fixed w, whose stacked identification regressor is as well
 // conditioned as the search finds, while every joint stays within
 // +-max-angle and within margin x the database's speed and acceleration
-// limits. Each period starts and ends at rest (zero velocity and
+// limits, and the flange and the wrist centre stay 20 mm inside the
+// workspace box (row 15) where the database has one. Each period starts and ends at rest (zero velocity and
 // acceleration at t = 0): a1 and b1 are fixed by the other coefficients, so
 // the repetitions join smoothly.
 //
@@ -20,6 +21,7 @@
 #include <vector>
 
 #include "dynamics_tools.h"
+#include "kinematics.h"
 
 namespace {
 
@@ -32,6 +34,9 @@ constexpr int kFree = 1 + 2 * (kH - 1);  // q0, a2..a5, b2..b5 per joint
 constexpr double kPeriodSeconds = 10.0;
 constexpr int kLimitPoints = 500;    // where the limits are checked, per period
 constexpr int kRegressorPoints = 80;  // where the regressor is stacked, per period
+// Kept from the workspace box's walls by the design, mm: the 500 points the
+// limits are checked at are 20 ms apart, and the controller checks every 4 ms.
+constexpr double kWorkspaceMargin = 20.0;
 
 struct Options {
     std::string db = "parameter.db", write;
@@ -74,11 +79,33 @@ void Motion(const double* c, double t, double* q, double* dq, double* ddq) {
     }
 }
 
+// How far [m] the flange or the wrist centre at joints q lies outside the
+// database's workspace box shrunk by kWorkspaceMargin (0 inside, or with no box).
+double OutsideWorkspace(const ArmModel& m, const double* q) {
+    if (!m.has_workspace_box) return 0.0;
+    double a_mm[kJoints], d_mm[kJoints], L[6], T[4][4];
+    for (int j = 0; j < kJoints; ++j) a_mm[j] = 1000.0 * m.a[j], d_mm[j] = 1000.0 * m.d[j];
+    GeometryFromDh(a_mm, d_mm, L);
+    fk_ur(q, T, L);
+    const double d6 = d_mm[5];
+    const double flange[3] = {T[0][3], T[1][3], T[2][3]};
+    const double wrist[3] = {T[0][3] - d6 * T[0][2], T[1][3] - d6 * T[1][2], T[2][3] - d6 * T[2][2]};
+    double out = 0.0;
+    for (const double* p : {flange, wrist})
+        for (int k = 0; k < 3; ++k) {
+            const double lo = m.workspace_box[2 * k] + kWorkspaceMargin, hi = m.workspace_box[2 * k + 1] - kWorkspaceMargin;
+            out = std::fmax(out, std::fmax(lo - p[k], p[k] - hi));
+        }
+    return std::fmax(out, 0.0) / 1000.0;
+}
+
 // Sum over joints and kinds of how far the worst value exceeds its bound
-// (relative), 0 when everything is inside.
+// (relative), and how far [m] the arm leaves the workspace; 0 when everything
+// is inside.
 double Violation(const double* c, const ArmModel& m, const Options& o) {
     double worst[3][kJoints] = {};
     double q[kJoints], dq[kJoints], ddq[kJoints];
+    double outside = 0.0;  // worst distance outside the workspace box, m
     for (int k = 0; k < kLimitPoints; ++k) {
         Motion(c, k * kPeriodSeconds / kLimitPoints, q, dq, ddq);
         for (int j = 0; j < kJoints; ++j) {
@@ -86,8 +113,9 @@ double Violation(const double* c, const ArmModel& m, const Options& o) {
             worst[1][j] = std::fmax(worst[1][j], std::fabs(dq[j]) / (o.margin * m.speed_limit[j]));
             worst[2][j] = std::fmax(worst[2][j], std::fabs(ddq[j]) / (o.margin * m.acceleration_limit[j]));
         }
+        outside = std::fmax(outside, OutsideWorkspace(m, q));
     }
-    double v = 0.0;
+    double v = outside;
     for (auto& kind : worst)
         for (double w : kind) v += std::fmax(0.0, w - 1.0);
     return v;

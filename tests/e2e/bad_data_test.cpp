@@ -169,6 +169,35 @@ TEST(BadData, RefusedWithItsMessageBeforeAnythingMovesAndFilesKept) {
          },
          "start\n\n", "Open file/trajectory.txt failure! 0-3: Open file/trajectory.txt failure! .\n", 255, true, "",
          {}, "Recording ... "},
+        // The demo workspace: the flange and the wrist centre stay above the
+        // table (z >= 0), and within half-space 1 (z >= 200) when row 16 says so.
+        {"a move below the table", "mode4",
+         [](const ScratchDir& d) { tqltest::WriteFile(d.File("file/data.txt"), "MOVJ VJ=50 z5 0,120,30,0,0,0\n"); },
+         "1\nCYCLE\nNO\n", "mm is z outside 0 .. 900 mm (row 15)\nLine 1 refused before motion.\n", 255, false,
+         "file/data.txt"},
+        {"a replay below the table", "mode2",
+         [](const ScratchDir& d) {
+             tqltest::WriteFile(d.File("file/trajectory.txt"), "0,120,30,0,0,0\n0,120,30,0,0,0\n");
+         },
+         "1\n", "Workspace: the flange at (", 255, false, "file/trajectory.txt"},
+        {"a move beyond a half-space", "mode4",
+         [](const ScratchDir& d) {
+             ASSERT_TRUE(tqltest::ExecSql(d.File("parameter.db"),
+                                          "INSERT INTO GL_6L3 VALUES (16, 'workspace_half_spaces', '[0,0,-1,-200]')"));
+             tqltest::WriteFile(d.File("file/data.txt"), "MOVJ VJ=50 z5 0,90,0,0,0,0\n");
+         },
+         "1\nCYCLE\nNO\n", "is beyond half-space 1 (row 16)\nLine 1 refused before motion.\n", 255, false,
+         "file/data.txt"},
+        {"an arm found below the table moves back up", "mode4",
+         [](const ScratchDir& d) {
+             tqltest::WriteFile(d.File("sim_state.txt"),
+                                "sim_state 1\nactuator id=1 position=0 homing_offset=0\n"
+                                "actuator id=2 position=12 homing_offset=0\nactuator id=3 position=-3 homing_offset=0\n"
+                                "actuator id=4 position=0 homing_offset=0\nactuator id=5 position=0 homing_offset=0\n"
+                                "actuator id=6 position=0 homing_offset=0\n");
+             tqltest::WriteFile(d.File("file/data.txt"), "MOVJ VJ=50 z5 0,0,0,0,0,0\n");
+         },
+         "1\nCYCLE\nNO\n", "Is smooth (YES/NO) ", 0, true, "file/data.txt"},
         {"Ctrl-C at the start prompt", "mode1", nullptr, "",
          "Recording cancelled: file/trajectory.txt is unchanged.\n", 255, true, "file/trajectory.txt", {},
          "Input 'start' to start ...\n"},

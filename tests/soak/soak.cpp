@@ -80,6 +80,7 @@ const char* const kRefusals[] = {
     "refused before motion",       "Format error",                "format error",
     "is illegal",                  "move preparation failed",     "ik error",
     "Shoulder singular",           "Wrist singularity",           "Elbow singularity",
+    "Workspace: the ",
     "Program exit!",               "Parameter error",             "Trajectory format error",
     "beyond peak current",         "Gravity Compensation error",
 };

@@ -206,10 +206,10 @@ TEST_F(Replay, SamplesGoOutUnchangedAndTheOverrideStretchesThePeriod) {
 
 TEST_F(Replay, RefusedBeforeAnyMotion) {
     ASSERT_EQ(SaveMatrixToFile("file/empty.txt", nullptr, 0, 6), 0);
-    // A 30 degree jump in 4 ms, a sample beyond joint 2's soft limit: the
+    // A 30 degree jump in 4 ms, a sample beyond joint 1's soft limit: the
     // pre-flight finds them before the approach move starts.
     WriteFile("file/jump.txt", "0,0,0,0,0,0\n0,0,0,0,0,0\n30,0,0,0,0,0\n");
-    WriteFile("file/far.txt", "0,175,0,0,0,0\n0,175,0,0,0,0\n");
+    WriteFile("file/far.txt", "175,0,0,0,0,0\n175,0,0,0,0,0\n");
     struct Case {
         double override;
         const char* file;
@@ -219,7 +219,7 @@ TEST_F(Replay, RefusedBeforeAnyMotion) {
         {1.0, "missing.txt", "Open missing.txt failure! \n"},
         {1.0, "file/empty.txt", "file/empty.txt is an empty file.\n"},
         {1.0, "file/jump.txt", "ID 1 beyond speed limit\nSample 3 refused before motion.\n"},
-        {1.0, "file/far.txt", "ID 2 beyond joint max soft limit\n"},
+        {1.0, "file/far.txt", "ID 1 beyond joint max soft limit\n"},
     };
     for (const Case& c : cases) {
         SetReplayOverride(c.override);
