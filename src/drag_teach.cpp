@@ -29,6 +29,8 @@ namespace {
 constexpr double kTrajectoryDegrees = 57.295780490442965;
 // Rounds of the teaching dialogue.
 constexpr int kMaxTaughtPoints = 1000;
+// Longest wall-clock wait of the continuous recorder for the next sample, s.
+constexpr double kStopPollSeconds = 0.02;
 
 const char* const kPointPrompt = "Insert MOVJ、MOVL、MOVC or STOP : ";  // ideographic commas (U+3001)
 
@@ -277,13 +279,18 @@ int RecordContinuousPosition(std::string file_name) {
         if (MonitoringRunning()) {
             for (double* row = next_row(); NextMonitoredPosition(row, n); row = next_row())
                 if (stored < capacity) ++stored;
+            // Paced by the loop's deliveries; a stop is seen within 20 ms.
+            WaitForMonitoredPosition(kStopPollSeconds);
         } else {
             robot->GetCurrentMachineJointFast(next_row());
             if (stored < capacity) ++stored;
+            timer.Wait();
         }
-        timer.Wait();
         if (TakeStopRequest()) break;
     }
+    // What the loop delivered up to the stop is part of the recording.
+    for (double* row = next_row(); NextMonitoredPosition(row, n); row = next_row())
+        if (stored < capacity) ++stored;
     if (LostMonitoredPositions() > 0)
         std::cout << "The recorder fell behind: " << LostMonitoredPositions() << " samples lost." << std::endl;
     if (aborted) {

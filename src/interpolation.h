@@ -274,6 +274,9 @@ int RealTimeMonitoring();
 void DiscardMonitoredPositions();
 bool NextMonitoredPosition(double* q, int n);
 long LostMonitoredPositions();
+// Waits (on the wall clock, never on the timing seam) until a position waits
+// to be taken, at most timeout_s; true when one does.
+bool WaitForMonitoredPosition(double timeout_s);
 // True while the monitoring loop runs.
 bool MonitoringRunning();
 // How many monitoring loops have read the running mode at their start (a

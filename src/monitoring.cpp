@@ -6,8 +6,11 @@
 // The running mode, the stop flag and the system status are its only
 // cross-thread state: lock-free atomics, polled once per period.
 #include <atomic>
+#include <chrono>
+#include <condition_variable>
 #include <iostream>
 #include <limits>
+#include <mutex>
 
 #include "database.h"
 #include "dynamics.h"
@@ -33,6 +36,13 @@ std::atomic<long> ring_lost{0};      // periods the recorder fell too far behind
 std::atomic<bool> monitoring{false};  // the loop is delivering positions
 std::atomic<long> monitoring_checks{0};  // loops that have read the running mode at their start
 
+// Wakes a recorder waiting for the next position. The recorder waits on the
+// wall clock, never on the timing seam: on the simulated bus's virtual clock
+// only the loop's own periods then advance time, however slowly either
+// thread runs.
+std::mutex ring_mutex;
+std::condition_variable ring_filled;
+
 void DeliverPosition(const double* q, int n) {
     const unsigned head = ring_head.load(std::memory_order_relaxed);
     if (head - ring_tail.load(std::memory_order_acquire) >= kRingPeriods) {
@@ -41,6 +51,10 @@ void DeliverPosition(const double* q, int n) {
     }
     for (int j = 0; j < n; ++j) ring[head % kRingPeriods][j] = q[j];
     ring_head.store(head + 1, std::memory_order_release);
+    // Taken and released so that a recorder between its look and its wait
+    // cannot miss the wake-up.
+    { std::lock_guard<std::mutex> passed(ring_mutex); }
+    ring_filled.notify_one();
 }
 
 // Gravity compensation during hand guiding: the dynamics switch of the
@@ -70,6 +84,13 @@ bool NextMonitoredPosition(double* q, int n) {
 }
 
 long LostMonitoredPositions() { return ring_lost.load(); }
+
+bool WaitForMonitoredPosition(double timeout_s) {
+    std::unique_lock<std::mutex> lock(ring_mutex);
+    return ring_filled.wait_for(lock, std::chrono::duration<double>(timeout_s), [] {
+        return ring_tail.load(std::memory_order_acquire) != ring_head.load(std::memory_order_acquire);
+    });
+}
 
 bool MonitoringRunning() { return monitoring.load(); }
 
