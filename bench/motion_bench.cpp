@@ -8,6 +8,10 @@
 //   BM_LinearMoveTick     one 4 ms tick of a linear move: interpolate the pose,
 //                         inverse kinematics seeded by the previous set-point,
 //                         set-point checks of every joint (no bus)
+//   BM_PreflightLinearMove  the pre-flight of a whole linear move
+//   BM_ScalingPassLinearMove  the scaling pass (system row 8) of the demo
+//                         program's first straight line, which it slows down:
+//                         every pass computes the whole stream's set-points
 //
 // The tick has to fit comfortably in the 4 ms period; the goal is under 1 %
 // of it (40 us) on the target board.
@@ -39,6 +43,7 @@ void SetUpDemoRobot(Robot* robot) {
         l.InitActuator(static_cast<unsigned char>(i + 1), 0);
         l.SetMdhParameters(alpha[i], 0.0, a[i], d[i]);
         l.speed_limit_ = 1800.0;                 // rpm
+        l.SetSpeedData((i < 3 ? 90 : 120) * kDeg, (i < 3 ? 180 : 240) * kDeg, (i < 3 ? 900 : 1200) * kDeg);
         l.min_soft_limit_ = -17.0 / 36.0 * 6.2831852;  // rad
         l.max_soft_limit_ = 17.0 / 36.0 * 6.2831852;
     }
@@ -156,5 +161,40 @@ void BM_PreflightLinearMove(benchmark::State& state) {
     state.counters["motion_ns"] = path.tall_ * 1e9;
 }
 BENCHMARK(BM_PreflightLinearMove)->Unit(benchmark::kMicrosecond);
+
+// The scaling pass of the demo program's "MOVL V=100" down to the pick point,
+// (0, 20, 60, 10, -90, 0) to (0, 25, 75, -10, -90, 0) degrees: joint 3 would
+// need 1.47 times its jerk limit, so the pass measures the stream, slows the
+// line down and measures it again. Counters: the slow-down found and the
+// slowed move's duration (motion_ns).
+void BM_ScalingPassLinearMove(benchmark::State& state) {
+    Robot robot;
+    SetUpDemoRobot(&robot);
+    double start[6] = {0, 20, 60, 10, -90, 0}, end[6] = {0, 25, 75, -10, -90, 0};
+    for (int i = 0; i < 6; ++i) {
+        start[i] *= kDeg;
+        end[i] *= kDeg;
+    }
+    AccDecDate line = robot.line_speed_data_;
+    line.speed = 100.0;  // V=100
+    const AccDecDate rotate = robot.rotate_speed_data_;
+    double k = 0.0;
+    AccDecDate slowed_line, slowed_rotate;
+    for (auto _ : state) {
+        slowed_line = line;
+        slowed_rotate = rotate;
+        k = FitLinearMoveToJointLimits(&robot, start, end, &slowed_line, &slowed_rotate);
+        benchmark::DoNotOptimize(k);
+    }
+    if (!(k > 1.0)) {
+        state.SkipWithError("the line was not slowed down");
+        return;
+    }
+    LinearPath path;
+    MoveLinearPreprocess(&robot, start, end, &path, &slowed_line, &slowed_rotate);
+    state.counters["slow_down"] = k;
+    state.counters["motion_ns"] = path.tall_ * 1e9;
+}
+BENCHMARK(BM_ScalingPassLinearMove)->Unit(benchmark::kMicrosecond);
 
 }  // namespace

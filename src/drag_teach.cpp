@@ -5,6 +5,8 @@
 #include <pthread.h>
 #include <signal.h>
 
+#include <atomic>
+#include <chrono>
 #include <csignal>
 #include <cstdio>
 #include <fstream>
@@ -45,16 +47,19 @@ int RunBesideMonitoring(Recorder recorder) {
     sigaddset(&interrupt, SIGINT);
     pthread_sigmask(SIG_BLOCK, &interrupt, &previous);
     int monitored = 0, recorded = 0;
-    const long checks = MonitoringModeChecks();
-    std::thread monitoring([&monitored] { monitored = RealTimeMonitoring(); });
-    // The recorder starts once the loop has read the running mode (at once,
-    // before it sleeps): a session the operator ends at once must not change
-    // the mode under a loop that has not looked at it yet.
-    while (MonitoringModeChecks() == checks) std::this_thread::yield();
+    // The two threads of one session. The recorder runs first, so the loop
+    // never floats the arm ahead of it (on a virtual clock, periods the
+    // recorder would not see); the recorder's end waits for the loop to have
+    // looked at the running mode (see MultiThreadTrigger).
+    NoteMonitoringSession();
+    std::atomic<bool> recorder_running{false};
     std::thread recording([&] {
         pthread_sigmask(SIG_UNBLOCK, &interrupt, nullptr);
+        recorder_running = true;
         recorded = recorder();
     });
+    while (!recorder_running) std::this_thread::yield();
+    std::thread monitoring([&monitored] { monitored = RealTimeMonitoring(); });
     monitoring.join();
     recording.join();
     pthread_sigmask(SIG_SETMASK, &previous, nullptr);
@@ -263,12 +268,12 @@ int RecordContinuousPosition(std::string file_name) {
 
     int stored = 0;
     bool aborted = false;
+    // In a session the monitoring loop appends every period's positions to
+    // the buffer itself (StartMonitoredRecording); with no loop beside (a
+    // host's own use) the recorder reads the joints every period.
+    const bool by_loop = InMonitoringSession() || MonitoringRunning();
+    if (by_loop) StartMonitoredRecording(samples.get(), capacity, n);
     double scratch[kMaxJointNum];
-    // Past the capacity the recording goes on but keeps nothing more.
-    auto next_row = [&] { return stored < capacity ? samples.get() + static_cast<size_t>(stored) * n : scratch; };
-    // The samples are the monitoring loop's positions, one per period; with no
-    // loop beside (a host's own use) the recorder reads the joints itself.
-    DiscardMonitoredPositions();
     tql::PeriodicTimer timer(PERIOD);
     for (bool first = true;; first = false) {
         if (!GetSystemStatus()) {
@@ -276,23 +281,21 @@ int RecordContinuousPosition(std::string file_name) {
             break;
         }
         if (first) std::cout << "Recording ... " << std::endl;
-        if (MonitoringRunning()) {
-            for (double* row = next_row(); NextMonitoredPosition(row, n); row = next_row())
-                if (stored < capacity) ++stored;
-            // Paced by the loop's deliveries; a stop is seen within 20 ms.
-            WaitForMonitoredPosition(kStopPollSeconds);
+        if (by_loop) {
+            // Waits on the wall clock, never on the timing seam: only the
+            // loop's periods advance a virtual clock. A stop is seen within
+            // kStopPollSeconds.
+            std::this_thread::sleep_for(std::chrono::duration<double>(kStopPollSeconds));
         } else {
-            robot->GetCurrentMachineJointFast(next_row());
+            // Past the capacity the recording goes on but keeps nothing more.
+            robot->GetCurrentMachineJointFast(stored < capacity ? samples.get() + static_cast<size_t>(stored) * n
+                                                                : scratch);
             if (stored < capacity) ++stored;
             timer.Wait();
         }
         if (TakeStopRequest()) break;
     }
-    // What the loop delivered up to the stop is part of the recording.
-    for (double* row = next_row(); NextMonitoredPosition(row, n); row = next_row())
-        if (stored < capacity) ++stored;
-    if (LostMonitoredPositions() > 0)
-        std::cout << "The recorder fell behind: " << LostMonitoredPositions() << " samples lost." << std::endl;
+    if (by_loop) stored = static_cast<int>(StopMonitoredRecording());
     if (aborted) {
         // The monitoring loop ends itself on a compensation fault; should the
         // status have dropped for another reason, end it too so the starter's

@@ -54,20 +54,20 @@ double ProfilePosition(SpeedProfile& profile, double t) {
 }  // namespace
 
 // The Cartesian tick loop shared by linear and circular moves: sample the
-// pose, solve the joints seeded by the previous set-point, send, sleep.
-template <typename Path>
-static int StreamCartesianPath(Robot* robot, Path& path, long ticks, double* current, int n) {
+// pose, solve the joints seeded by the previous set-point, hand the set-point
+// to the output (the arm: send, sleep).
+template <typename Path, typename Output>
+static int StreamCartesianPath(Robot* robot, Path& path, long ticks, double* current, int n, Output& output) {
     double previous[kMaxJointNum];
     double pose[7];
-    tql::PeriodicTimer timer(PERIOD);
+    output.Restart();
     for (long tick = 1; tick <= ticks; ++tick) {
-        if (TakeStopRequest()) return -1;
+        if (output.Stopped()) return -1;
         const double t = tick * PERIOD;
         for (int i = 0; i < n; ++i) previous[i] = current[i];
         path.Interpolation(t, pose);
         if (robot->InverseKinematics(current, pose) < 0) return -1;
-        if (robot->SendMachinePosition(current, previous) < 0) return -1;
-        timer.Wait();
+        if (output.Send(current, previous, 0) < 0) return -1;
     }
     return 0;
 }
@@ -272,8 +272,9 @@ static void ReportPeriodMismatch(int line) {
                  program_invocation_short_name, line, kFunction, kCondition);
 }
 
+template <typename Output>
 static int StreamLinearPath(Robot* robot, double* start_joints, double* end_joints, AccDecDate* linear,
-                            AccDecDate* rotation) {
+                            AccDecDate* rotation, Output& output) {
     LinearPath lpath;
     // Deliberately unchecked: a path that could not be built stays zero and
     // gives a move without samples.
@@ -286,28 +287,35 @@ static int StreamLinearPath(Robot* robot, double* start_joints, double* end_join
 
     // Planned times are whole periods; anything else is a planning fault.
     if (!std::isfinite(lpath.tall_) || lpath.tall_ < 0.0 || lpath.tall_ / PERIOD > kMaxTicks) {
-        ReportPeriodMismatch(__LINE__);
+        if (Output::kToArm) ReportPeriodMismatch(__LINE__);
         return -1;
     }
     const long tick = std::lround(lpath.tall_ / PERIOD);
     if (!(std::fabs(tick * PERIOD - lpath.tall_) < em)) {
-        ReportPeriodMismatch(__LINE__);
+        if (Output::kToArm) ReportPeriodMismatch(__LINE__);
         return -1;
     }
 
-    if (BeginMotion() < 0) return -1;
-    return StreamCartesianPath(robot, lpath, tick, current, n);
+    if (output.Begin() < 0) return -1;
+    return StreamCartesianPath(robot, lpath, tick, current, n, output);
 }
 
 int MoveLinearPath(Robot* robot, double* start_joints, double* end_joints, AccDecDate* linear,
                    AccDecDate* rotation) {
-    return RunWithPreflight([&] { return StreamLinearPath(robot, start_joints, end_joints, linear, rotation); });
+    AccDecDate line = *linear;
+    AccDecDate turn = *rotation;
+    if (CartesianScalingWanted()) FitLinearMoveToJointLimits(robot, start_joints, end_joints, &line, &turn);
+    return RunWithPreflight([&] {
+        ArmOutput arm(robot);
+        return StreamLinearPath(robot, start_joints, end_joints, &line, &turn, arm);
+    });
 }
 
 // ---------------------------------------------------------------- circular moves
 
+template <typename Output>
 static int StreamCircularPath(Robot* robot, double* start_joints, double* mid_joints, double* end_joints,
-                              AccDecDate* linear, AccDecDate* rotation) {
+                              AccDecDate* linear, AccDecDate* rotation, Output& output) {
     CircularPath cpath;
     // Deliberately unchecked, as for the linear move.
     MoveCircularPreprocess(robot, start_joints, mid_joints, end_joints, &cpath, linear, rotation);
@@ -320,12 +328,221 @@ static int StreamCircularPath(Robot* robot, double* start_joints, double* mid_jo
     const long ticks = TickCount(cpath.tall_);
     if (ticks < 0) return -1;
 
-    if (BeginMotion() < 0) return -1;
-    return StreamCartesianPath(robot, cpath, ticks, current, n);
+    if (output.Begin() < 0) return -1;
+    return StreamCartesianPath(robot, cpath, ticks, current, n, output);
 }
 
 int MoveCircularPath(Robot* robot, double* start_joints, double* mid_joints, double* end_joints,
                      AccDecDate* linear, AccDecDate* rotation) {
-    return RunWithPreflight(
-        [&] { return StreamCircularPath(robot, start_joints, mid_joints, end_joints, linear, rotation); });
+    AccDecDate line = *linear;
+    AccDecDate turn = *rotation;
+    if (CartesianScalingWanted())
+        FitCircularMoveToJointLimits(robot, start_joints, mid_joints, end_joints, &line, &turn);
+    return RunWithPreflight([&] {
+        ArmOutput arm(robot);
+        return StreamCircularPath(robot, start_joints, mid_joints, end_joints, &line, &turn, arm);
+    });
+}
+
+// ---------------------------------------------------------------- joint limits of Cartesian moves
+
+bool CartesianScalingWanted() { return GetResourceDate()->cartesian_scaling_switch; }
+
+AccDecDate SlowedDown(const AccDecDate& limits, double k) {
+    AccDecDate out;
+    out.SetParameter(limits.speed / k, limits.acceleration / (k * k), limits.jerk / (k * k * k));
+    return out;
+}
+
+JointLimitMeter::JointLimitMeter(Robot* robot) {
+    n_ = robot->GetRobotJointNum();
+    if (n_ < 0) n_ = 0;
+    if (n_ > kMaxJointNum) n_ = kMaxJointNum;
+    for (int i = 0; i < n_; ++i) {
+        const AccDecDate& limit = robot->link_[i].joint_speed_data_;
+        speed_[i] = limit.speed * PERIOD;
+        acceleration_[i] = limit.acceleration * PERIOD * PERIOD;
+        jerk_[i] = limit.jerk * PERIOD * PERIOD * PERIOD;
+        usable_ = usable_ && speed_[i] > 0.0 && acceleration_[i] > 0.0 && jerk_[i] > 0.0 &&
+                  std::isfinite(speed_[i] + acceleration_[i] + jerk_[i]);
+    }
+}
+
+void JointLimitMeter::Reset() {
+    for (int i = 0; i < n_; ++i) last_[i] = before_[i] = 0.0;
+}
+
+double JointLimitMeter::Step(const double* increment) {
+    // Largest ratio of each order; the roots are taken once. A joint without
+    // usable limits, or a set-point that is not a number, needs more than any
+    // slow-down gives.
+    double speed = usable_ ? 0.0 : HUGE_VAL, acceleration = 0.0, jerk = 0.0;
+    for (int i = 0; i < n_; ++i) {
+        const double d = increment != nullptr ? increment[i] : 0.0;
+        if (std::isnan(d)) speed = HUGE_VAL;
+        speed = std::fmax(speed, std::fabs(d) / speed_[i]);
+        acceleration = std::fmax(acceleration, std::fabs(d - last_[i]) / acceleration_[i]);
+        jerk = std::fmax(jerk, std::fabs(d - 2.0 * last_[i] + before_[i]) / jerk_[i]);
+        before_[i] = last_[i];
+        last_[i] = d;
+    }
+    return std::fmax(speed, std::fmax(std::sqrt(acceleration), std::cbrt(jerk)));
+}
+
+int ArmOutput::Begin() { return BeginMotion(); }
+
+bool ArmOutput::Stopped() { return TakeStopRequest(); }
+
+int ArmOutput::Rest(long periods) {
+    for (long t = periods; t > 0; --t) {
+        if (TakeStopRequest()) return -1;
+        timer_.Wait();
+    }
+    return 0;
+}
+
+JointLimitProbe::JointLimitProbe(Robot* robot, int moves)
+    : n_(robot->GetRobotJointNum()), moves_(moves > 0 ? moves : 0), total_(robot),
+      need_(new double[moves > 0 ? moves : 1]()), shared_(new double[moves > 0 ? moves : 1]()) {
+    if (n_ < 0) n_ = 0;
+    if (n_ > kMaxJointNum) n_ = kMaxJointNum;
+    for (Track& track : tracks_) track.meter = total_;
+}
+
+int JointLimitProbe::Send(double* command, double* previous, int move) {
+    double increment[kMaxJointNum];
+    for (int i = 0; i < n_; ++i) increment[i] = command[i] - previous[i];
+    const double* increments[1] = {increment};
+    Sample(increment, &move, increments, 1);
+    return 0;
+}
+
+int JointLimitProbe::Blend(double* command, double* previous, int tail_move, const double* tail,
+                           const double* tail_old, int head_move, const double* head, const double* head_old) {
+    double total[kMaxJointNum], tail_step[kMaxJointNum], head_step[kMaxJointNum];
+    for (int i = 0; i < n_; ++i) {
+        total[i] = command[i] - previous[i];
+        tail_step[i] = tail[i] - tail_old[i];
+        head_step[i] = head[i] - head_old[i];
+    }
+    const int moves[2] = {tail_move, head_move};
+    const double* increments[2] = {tail_step, head_step};
+    Sample(total, moves, increments, 2);
+    return 0;
+}
+
+int JointLimitProbe::Rest(long periods) {
+    // Three periods at rest take every difference back to zero.
+    for (long t = periods < 3 ? periods : 3; t > 0; --t) Sample(nullptr, nullptr, nullptr, 0);
+    return 0;
+}
+
+void JointLimitProbe::Sample(const double* total, const int* moves, const double* const* increments, int count) {
+    const double whole = total_.Step(total);
+    bool stepped[kTracks] = {};
+    double own[kTracks] = {};
+    for (int c = 0; c < count; ++c) {
+        Track* track = nullptr;
+        for (Track& p : tracks_)
+            if (p.move == moves[c]) track = &p;
+        if (track == nullptr) {
+            // A move's first increment: a free slot, else the one idle longest.
+            track = &tracks_[0];
+            for (Track& p : tracks_)
+                if (p.move < 0 || (track->move >= 0 && p.idle > track->idle)) track = &p;
+            track->move = moves[c];
+            track->meter.Reset();
+        }
+        const int k = static_cast<int>(track - tracks_);
+        own[k] = std::fmax(own[k], track->meter.Step(increments[c]));
+        track->idle = 0;
+        stepped[k] = true;
+    }
+    // Moves that have finished: at rest after their last increment until
+    // their differences are back to zero.
+    for (int k = 0; k < kTracks; ++k) {
+        if (tracks_[k].move < 0 || stepped[k]) continue;
+        own[k] = tracks_[k].meter.Step(nullptr);
+        ++tracks_[k].idle;
+        stepped[k] = true;
+    }
+    double own_worst = 0.0;
+    for (int k = 0; k < kTracks; ++k) {
+        if (!stepped[k]) continue;
+        const int move = tracks_[k].move;
+        if (move >= 0 && move < moves_ && !(own[k] <= need_[move])) need_[move] = own[k];
+        if (!(own[k] <= own_worst)) own_worst = own[k];
+    }
+    // Over the limits although no move alone is: the superposition, charged
+    // to every move the differences reach.
+    if (!(whole <= kScalingWithin) && own_worst <= kScalingWithin) {
+        for (int k = 0; k < kTracks; ++k) {
+            const int move = tracks_[k].move;
+            if (stepped[k] && move >= 0 && move < moves_ && !(whole <= shared_[move])) shared_[move] = whole;
+        }
+    }
+    for (Track& p : tracks_)
+        if (p.idle >= 2) p.move = -1;
+}
+
+QuietStdout::QuietStdout() : saved_(std::cout.rdbuf()), state_(static_cast<int>(std::cout.rdstate())) {
+    std::cout.rdbuf(nullptr);
+}
+
+QuietStdout::~QuietStdout() {
+    std::cout.rdbuf(saved_);
+    std::cout.clear(static_cast<std::ios::iostate>(state_));
+}
+
+namespace {
+
+// Slows one Cartesian move's limits until its stream, measured by
+// simulate(probe) with the limits as they stand, keeps the joints' limits.
+template <typename Simulate>
+double FitCartesianMove(Robot* robot, AccDecDate* linear, AccDecDate* rotation, Simulate simulate) {
+    const AccDecDate line = *linear;
+    const AccDecDate turn = *rotation;
+    double k = 1.0;
+    bool beyond = false;
+    {
+        QuietStdout quiet;
+        for (int pass = 0; pass < kMaxScalingPasses; ++pass) {
+            JointLimitProbe probe(robot, 1);
+            if (simulate(probe) < 0) break;
+            probe.Finish();
+            const double need = probe.Need(0);
+            if (need <= kScalingWithin) return k;
+            k *= need * (1.0 + kScalingMargin);
+            if (!(k <= kMaxSlowDown)) {
+                beyond = true;
+                break;
+            }
+            *linear = SlowedDown(line, k);
+            *rotation = SlowedDown(turn, k);
+            // The last pass's limits stand even if not measured again.
+            if (pass == kMaxScalingPasses - 1) return k;
+        }
+    }
+    *linear = line;
+    *rotation = turn;
+    if (beyond)
+        std::cout << "No slow-down up to " << kMaxSlowDown
+                  << " times keeps the joints within their limits; the move keeps its programmed speed." << std::endl;
+    return 0.0;
+}
+
+}  // namespace
+
+double FitLinearMoveToJointLimits(Robot* robot, double* start_joints, double* end_joints, AccDecDate* linear,
+                                  AccDecDate* rotation) {
+    return FitCartesianMove(robot, linear, rotation, [&](JointLimitProbe& probe) {
+        return StreamLinearPath(robot, start_joints, end_joints, linear, rotation, probe);
+    });
+}
+
+double FitCircularMoveToJointLimits(Robot* robot, double* start_joints, double* mid_joints, double* end_joints,
+                                    AccDecDate* linear, AccDecDate* rotation) {
+    return FitCartesianMove(robot, linear, rotation, [&](JointLimitProbe& probe) {
+        return StreamCircularPath(robot, start_joints, mid_joints, end_joints, linear, rotation, probe);
+    });
 }

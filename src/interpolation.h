@@ -18,6 +18,8 @@
 #ifndef TQL_INTERPOLATION_H
 #define TQL_INTERPOLATION_H
 
+#include <iosfwd>
+#include <memory>
 #include <string>
 
 #include "mechnical_unit.h"
@@ -128,6 +130,160 @@ int RunWithPreflight(Stream stream) {
     return stream();
 }
 
+// ---- joint limits of Cartesian and blended moves
+//
+// A straight line or an arc follows its Cartesian profile (rows 4-9 of the
+// robot type); the joints follow through the inverse kinematics and may need
+// more than their own speed, acceleration or jerk limits (rows 1-3,
+// LinkUnit::joint_speed_data_), most of all near a singularity, and two moves
+// superposed in a blend add up. With row 8 of "system_parameters" ON, before
+// the first set-point every move that would take a joint beyond its limits is
+// slowed down k times: its speed limits divided by k, accelerations by k^2,
+// jerks by k^3 (the same path, k times slower). Two moves that meet beyond the
+// limits although neither is on its own (a blend, a junction of a plain run)
+// are slowed together. k is measured on the set-points exactly as they would be
+// streamed (each 4 ms sample's inverse kinematics seeded with the previous
+// set-point), the arm at rest before and after a stream: the worst joint's
+// speed ratio, square root of its acceleration ratio and cube root of its jerk
+// ratio, times 1 + kScalingMargin, measured again until every joint is within
+// its limits (at most kMaxScalingPasses passes). A move that would need more
+// than kMaxSlowDown (a step in the joints' stream, which no slow-down
+// removes), or whose stream cannot be computed, keeps its programmed timing
+// (in a program run: the whole run) and is refused, if at all, as without the
+// switch. Moves within their limits are not touched; with the row OFF (the
+// default) nothing is.
+bool CartesianScalingWanted();
+constexpr double kMaxSlowDown = 100.0;
+constexpr int kMaxScalingPasses = 8;
+constexpr double kScalingMargin = 0.01;
+// A need up to this counts as within the limits (rounding of the differences).
+constexpr double kScalingWithin = 1.0 + 1e-9;
+// `limits` slowed down k times: speed / k, acceleration / k^2, jerk / k^3.
+AccDecDate SlowedDown(const AccDecDate& limits, double k);
+
+// Finite differences of one stream of joint set-points, PERIOD apart, against
+// the joints' limits. Fed with increments (a set-point minus the one before,
+// rad); a fresh or Reset meter stands for an arm at rest.
+class JointLimitMeter {
+public:
+    JointLimitMeter() = default;
+    explicit JointLimitMeter(Robot* robot);
+    void Reset();
+    // The slow-down the differences ending with this increment need: over the
+    // joints, the largest of the speed ratio, the square root of the
+    // acceleration ratio and the cube root of the jerk ratio (1 or less:
+    // within). nullptr: a period at rest.
+    double Step(const double* increment);
+
+private:
+    int n_ = 0;
+    bool usable_ = true;                      // every limit finite and positive
+    double speed_[kMaxJointNum] = {};         // joint limit x PERIOD
+    double acceleration_[kMaxJointNum] = {};  // joint limit x PERIOD^2
+    double jerk_[kMaxJointNum] = {};          // joint limit x PERIOD^3
+    double last_[kMaxJointNum] = {};          // the previous increment
+    double before_[kMaxJointNum] = {};        // the one before it
+};
+
+// Where a stream's set-points go. The motion loops (linear, circular and
+// program runs) are written once over an output:
+//   Begin()    the motion's start (BeginMotion); Restart() starts the schedule
+//   Stopped()  a stop request ends the stream
+//   Send(command, previous, move)  one set-point of move `move` (index in the
+//              run) after `previous`
+//   Blend(command, previous, a, tail, tail_old, b, head, head_old)  one
+//              set-point of a blend: move a went tail_old -> tail, move b
+//              head_old -> head
+//   Rest(periods)  the arm held for a TIMER wait
+// ArmOutput checks and sends each set-point, then waits for the next period.
+class ArmOutput {
+public:
+    static constexpr bool kToArm = true;  // reports internal faults, switches outputs
+    explicit ArmOutput(Robot* robot) : robot_(robot), timer_(PERIOD) {}
+    int Begin();
+    void Restart() { timer_.Restart(); }
+    bool Stopped();
+    int Send(double* command, double* previous, int) {
+        if (robot_->SendMachinePosition(command, previous) < 0) return -1;
+        timer_.Wait();
+        return 0;
+    }
+    int Blend(double* command, double* previous, int, const double*, const double*, int, const double*,
+              const double*) {
+        return Send(command, previous, 0);
+    }
+    int Rest(long periods);
+
+private:
+    Robot* robot_;
+    tql::PeriodicTimer timer_;
+};
+
+// The scaling pass's output: sends nothing, never waits, and measures the
+// slow-down needed by each move's own part of the stream (its increments
+// alone, the arm at rest before and after) and, apart, by differences of the
+// whole stream over the limits that no single move's part explains (two moves
+// superposed in a blend, or meeting in a plain run), charged to every move
+// they span.
+class JointLimitProbe {
+public:
+    static constexpr bool kToArm = false;
+    JointLimitProbe(Robot* robot, int moves);
+    int Begin() { return 0; }
+    void Restart() {}
+    bool Stopped() { return false; }
+    int Send(double* command, double* previous, int move);
+    int Blend(double* command, double* previous, int tail_move, const double* tail, const double* tail_old,
+              int head_move, const double* head, const double* head_old);
+    int Rest(long periods);
+    // The end of the stream: the arm at rest.
+    void Finish() { Rest(3); }
+    // Slow-down move `move` needs on its own (1 or less: within its joints'
+    // limits), and for the moves it meets.
+    double Need(int move) const { return move >= 0 && move < moves_ ? need_[move] : 0.0; }
+    double SharedNeed(int move) const { return move >= 0 && move < moves_ ? shared_[move] : 0.0; }
+
+private:
+    struct Track {
+        int move = -1;  // -1: free
+        int idle = 0;   // periods since its last increment
+        JointLimitMeter meter;
+    };
+    static constexpr int kTracks = 6;  // moves whose increments a difference can still reach
+    void Sample(const double* total, const int* moves, const double* const* increments, int count);
+
+    int n_;
+    int moves_;
+    JointLimitMeter total_;
+    Track tracks_[kTracks];
+    std::unique_ptr<double[]> need_;
+    std::unique_ptr<double[]> shared_;
+};
+
+// Standard output silenced while it lives: the scaling pass computes streams
+// whose messages the pre-flight or the stream itself prints when it matters.
+class QuietStdout {
+public:
+    QuietStdout();
+    ~QuietStdout();
+    QuietStdout(const QuietStdout&) = delete;
+    QuietStdout& operator=(const QuietStdout&) = delete;
+
+private:
+    std::streambuf* saved_;
+    int state_;
+};
+
+// The scaling pass of one linear or circular move from start_joints: slows
+// *linear and *rotation (as the move would be streamed with them) until its
+// joints keep their limits. Returns the slow-down applied (1: untouched), or
+// 0 when the move keeps its limits because no slow-down up to kMaxSlowDown
+// helps or its stream cannot be computed. Whatever the switch says.
+double FitLinearMoveToJointLimits(Robot* robot, double* start_joints, double* end_joints, AccDecDate* linear,
+                                  AccDecDate* rotation);
+double FitCircularMoveToJointLimits(Robot* robot, double* start_joints, double* mid_joints, double* end_joints,
+                                    AccDecDate* linear, AccDecDate* rotation);
+
 // ---- joint moves
 
 // Plans one JointPath per joint (deceleration limit = acceleration limit) and
@@ -165,7 +321,8 @@ void OrientationInterpolation(double* q0, double* q1, double* out, double s, dou
 // 0, or -1 when a forward kinematics call fails.
 int MoveLinearPreprocess(Robot* robot, double* start_joints, double* end_joints, LinearPath* path,
                          AccDecDate* linear, AccDecDate* rotation);
-// Streams a linear move. 0 when finished, -1 when stopped, unreachable or
+// Streams a linear move (slowed to the joints' limits first when
+// CartesianScalingWanted). 0 when finished, -1 when stopped, unreachable or
 // refused. A plan whose total time is not a whole number of periods (only a
 // corrupt plan, e.g. from non-finite limits) is reported on standard error as
 // a failed internal check and refused with -1 before any motion.
@@ -184,6 +341,7 @@ int CalculateCircularExpression(double* p1, double* p2, double* p3, double* cent
 int MoveCircularPreprocess(Robot* robot, double* start_joints, double* mid_joints,
                            double* end_joints, CircularPath* path, AccDecDate* linear,
                            AccDecDate* rotation);
+// Streams a circular move, as MoveLinearPath a linear one.
 int MoveCircularPath(Robot* robot, double* start_joints, double* mid_joints, double* end_joints,
                      AccDecDate* linear, AccDecDate* rotation);
 
@@ -267,21 +425,22 @@ RunningMode GetCurrentRunningMode();
 // compensation. Runs while the mode is drag teaching. 0, or -1 when started
 // in another mode.
 int RealTimeMonitoring();
-// The positions [rad] the monitoring loop delivered, one per period in order,
-// for one recorder on another thread: Discard forgets those waiting, Next
-// takes the oldest (false when none waits). Lost counts the periods a
-// recorder fell too far behind to take (a second's worth waits).
-void DiscardMonitoredPositions();
-bool NextMonitoredPosition(double* q, int n);
-long LostMonitoredPositions();
-// Waits (on the wall clock, never on the timing seam) until a position waits
-// to be taken, at most timeout_s; true when one does.
-bool WaitForMonitoredPosition(double timeout_s);
+// A continuous recording filled by the monitoring loop: from Start on, every
+// period appends its joint positions [rad, `joints` per sample] to `buffer`
+// (at most `capacity` samples, the rest are not kept); Stop ends it and gives
+// the number of samples; Samples reads it meanwhile.
+void StartMonitoredRecording(double* buffer, long capacity, int joints);
+long StopMonitoredRecording();
+long MonitoredRecordingSamples();
 // True while the monitoring loop runs.
 bool MonitoringRunning();
-// How many monitoring loops have read the running mode at their start (a
-// starter waits for its loop's check before a recorder may change the mode).
+// How many monitoring loops have read the running mode at their start.
 long MonitoringModeChecks();
+// A drag-teaching session's two threads start now: the recorder's
+// MultiThreadTrigger waits until the loop has read the running mode.
+void NoteMonitoringSession();
+// True from NoteMonitoringSession until the session's MultiThreadTrigger.
+bool InMonitoringSession();
 // Ends drag teaching from the recorder's side (terminal use only): asks the
 // operator to hold the arm when compensation is on, then leaves the mode.
 void MultiThreadTrigger();

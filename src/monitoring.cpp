@@ -6,11 +6,10 @@
 // The running mode, the stop flag and the system status are its only
 // cross-thread state: lock-free atomics, polled once per period.
 #include <atomic>
-#include <chrono>
-#include <condition_variable>
 #include <iostream>
 #include <limits>
 #include <mutex>
+#include <thread>
 
 #include "database.h"
 #include "dynamics.h"
@@ -23,38 +22,30 @@ namespace {
 std::atomic<int> running_mode{kDragTeachingMode};
 static_assert(std::atomic<int>::is_always_lock_free, "the running mode is polled every period");
 
-// The positions the loop delivered, one per period, for a recorder on another
-// thread: a single-producer single-consumer ring, so the recorder keeps every
-// period's sample exactly once however the two threads' periods fall against
-// each other (reading the last delivered value on its own clock, it would
-// sometimes read one twice and skip the next).
-constexpr unsigned kRingPeriods = 256;  // a second of periods
-double ring[kRingPeriods][kMaxJointNum];
-std::atomic<unsigned> ring_head{0};  // periods written (producer)
-std::atomic<unsigned> ring_tail{0};  // periods taken (consumer)
-std::atomic<long> ring_lost{0};      // periods the recorder fell too far behind to take
+// A continuous recording the loop fills: every period's positions appended
+// to the recorder's buffer by the loop itself, so the recording holds each
+// period exactly once however the two threads run (a recorder sampling on its
+// own clock reads one period twice and skips the next; on a virtual clock it
+// could fall any number of periods behind). The mutex is held for one append
+// or for the recorder's start and stop: never across a sleep.
+std::mutex recording_mutex;
+double* recording = nullptr;  // J values per sample; null: no recording
+long recording_capacity = 0;  // samples
+int recording_joints = 0;
+std::atomic<long> recorded{0};  // samples appended
 std::atomic<bool> monitoring{false};  // the loop is delivering positions
 std::atomic<long> monitoring_checks{0};  // loops that have read the running mode at their start
+std::atomic<long> session_checks{-1};    // their count when a session's threads started; -1: none
 
-// Wakes a recorder waiting for the next position. The recorder waits on the
-// wall clock, never on the timing seam: on the simulated bus's virtual clock
-// only the loop's own periods then advance time, however slowly either
-// thread runs.
-std::mutex ring_mutex;
-std::condition_variable ring_filled;
-
-void DeliverPosition(const double* q, int n) {
-    const unsigned head = ring_head.load(std::memory_order_relaxed);
-    if (head - ring_tail.load(std::memory_order_acquire) >= kRingPeriods) {
-        ring_lost.fetch_add(1, std::memory_order_relaxed);
-        return;
-    }
-    for (int j = 0; j < n; ++j) ring[head % kRingPeriods][j] = q[j];
-    ring_head.store(head + 1, std::memory_order_release);
-    // Taken and released so that a recorder between its look and its wait
-    // cannot miss the wake-up.
-    { std::lock_guard<std::mutex> passed(ring_mutex); }
-    ring_filled.notify_one();
+void DeliverPosition(const double* q) {
+    // A recording ends with the stop that ends it, not when its recorder
+    // next looks.
+    if (GetStopFlag()) return;
+    std::lock_guard<std::mutex> lock(recording_mutex);
+    const long k = recorded.load(std::memory_order_relaxed);
+    if (recording == nullptr || k >= recording_capacity) return;  // past the capacity: kept no more
+    for (int j = 0; j < recording_joints; ++j) recording[k * recording_joints + j] = q[j];
+    recorded.store(k + 1, std::memory_order_release);
 }
 
 // Gravity compensation during hand guiding: the dynamics switch of the
@@ -70,31 +61,29 @@ void SetRunningMode(RunningMode mode) {
     SetStopFlagTaken();
 }
 
-void DiscardMonitoredPositions() {
-    ring_tail.store(ring_head.load(std::memory_order_acquire), std::memory_order_release);
-    ring_lost.store(0);
+void StartMonitoredRecording(double* buffer, long capacity, int joints) {
+    std::lock_guard<std::mutex> lock(recording_mutex);
+    recording = buffer;
+    recording_capacity = buffer != nullptr && capacity > 0 ? capacity : 0;
+    recording_joints = joints;
+    recorded.store(0);
 }
 
-bool NextMonitoredPosition(double* q, int n) {
-    const unsigned tail = ring_tail.load(std::memory_order_relaxed);
-    if (tail == ring_head.load(std::memory_order_acquire)) return false;
-    for (int j = 0; j < n && j < kMaxJointNum; ++j) q[j] = ring[tail % kRingPeriods][j];
-    ring_tail.store(tail + 1, std::memory_order_release);
-    return true;
+long StopMonitoredRecording() {
+    std::lock_guard<std::mutex> lock(recording_mutex);
+    recording = nullptr;
+    return recorded.load();
 }
 
-long LostMonitoredPositions() { return ring_lost.load(); }
-
-bool WaitForMonitoredPosition(double timeout_s) {
-    std::unique_lock<std::mutex> lock(ring_mutex);
-    return ring_filled.wait_for(lock, std::chrono::duration<double>(timeout_s), [] {
-        return ring_tail.load(std::memory_order_acquire) != ring_head.load(std::memory_order_acquire);
-    });
-}
+long MonitoredRecordingSamples() { return recorded.load(std::memory_order_acquire); }
 
 bool MonitoringRunning() { return monitoring.load(); }
 
 long MonitoringModeChecks() { return monitoring_checks.load(); }
+
+void NoteMonitoringSession() { session_checks.store(monitoring_checks.load()); }
+
+bool InMonitoringSession() { return session_checks.load() >= 0; }
 
 RunningMode GetCurrentRunningMode() { return static_cast<RunningMode>(running_mode.load()); }
 
@@ -137,7 +126,7 @@ int RealTimeMonitoring() {
         if (robot->controller_ != nullptr) robot->controller_->processEvents();
         robot->GetCurrentCVPFast(current, velocity, position);
         SetRealTimePos(position);
-        DeliverPosition(position, robot->GetRobotJointNum());
+        DeliverPosition(position);
         if (compensate && robot->GravityCompensation(position, velocity) < 0) {
             SetSystemStatus(false);
             SendErrorCode(1, 3, "Gravity Compensation error ");
@@ -159,6 +148,10 @@ int RealTimeMonitoring() {
 
 void MultiThreadTrigger() {
     if (!IsTerminal()) return;
+    // A session the operator ends at once must not change the mode under a
+    // loop that has not looked at it yet (it would refuse to start).
+    const long started = session_checks.exchange(-1);
+    while (started >= 0 && MonitoringModeChecks() == started) std::this_thread::yield();
     if (GravityCompensationOn()) {
         // Compensation stops with the loop: the arm must be held before then.
         std::cout << "Please hold the arm with your hand " << "and then press enter to continue ..." << std::endl;

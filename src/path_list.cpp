@@ -123,6 +123,12 @@ int InterpolationData::MovePreProcess(Robot* robot) {
     line.speed *= cartesian_space_trans[0];
     AccDecDate rotate = rotate_acc_dec;
     rotate.speed *= cartesian_space_rot[0];
+    // A move the scaling pass has not slowed keeps its limits bit for bit.
+    const bool slowed = slow_down != 1.0;
+    if (slowed) {
+        line = SlowedDown(line, slow_down);
+        rotate = SlowedDown(rotate, slow_down);
+    }
     switch (type) {
     case kMoveJoint: {
         const int n = JointCount(robot);
@@ -130,6 +136,7 @@ int InterpolationData::MovePreProcess(Robot* robot) {
         for (int j = 0; j < n; ++j) {
             limits[j] = joint_acc_dec[j];
             limits[j].speed *= joint_space[0];
+            if (slowed) limits[j] = SlowedDown(limits[j], slow_down);
         }
         // A joint move is always taken as prepared.
         MoveJointPreprocess(robot, start_position, target_position, joint_path, limits);
@@ -244,8 +251,10 @@ int RunProgramWithPreflight(Stream stream) {
     return stream(&line);
 }
 
-int StreamPathList(Robot* robot, InterpolationData* table, int count, int* line);
-int StreamPathListSmooth(Robot* robot, InterpolationData* table, int count, int* line);
+template <typename Output>
+int StreamPathList(Robot* robot, InterpolationData* table, int count, int* line, Output& output);
+template <typename Output>
+int StreamPathListSmooth(Robot* robot, InterpolationData* table, int count, int* line, Output& output);
 
 // Runs a program's TIMER and DOUT actions with the arm at rest: a wait holds
 // the pose for its time (a stop ends it), an output is switched through the
@@ -267,21 +276,95 @@ int RunActions(const ProgramActions& actions, int* line, tql::PeriodicTimer* tim
     }
     return 0;
 }
+// The same on a run's output: the waits are rest periods of its stream.
+template <typename Output>
+int RunActions(const ProgramActions& actions, int* line, Output& output) {
+    for (int k = 0; k < actions.count; ++k) {
+        *line = actions.line[k];
+        if (actions.output[k] < 0) {
+            if (output.Rest(Ticks(actions.value[k] * 1e-3)) < 0) return -1;
+        } else if (Output::kToArm && !tql::InPreflight() &&
+                   SetDigitalOutput(actions.output[k], actions.value[k] != 0) < 0) {
+            std::cout << "Line " << actions.line[k] << ": no digital output handler is installed." << std::endl;
+            return -1;
+        }
+    }
+    return 0;
+}
+
+// The scaling pass of a program run (system row 8): simulate(probe, line)
+// streams the run into the probe as it would be streamed to the arm, with
+// every move's slow_down as it stands; each move beyond its joints' limits on
+// its own is slowed by what it needs (times the margin) and the run measured
+// again. Only once no move is beyond on its own are the moves that meet
+// beyond the limits (a blend, a junction) slowed together.
+// Every move starts at 1 (as programmed); with the switch off it stays there.
+// A run that cannot be computed, or a move that would need more than
+// kMaxSlowDown, leaves the whole run as programmed.
+template <typename Simulate>
+void FitRunToJointLimits(Robot* robot, InterpolationData* table, int count, Simulate simulate) {
+    if (robot == nullptr || table == nullptr || count <= 0) return;
+    for (int i = 0; i < count; ++i) table[i].slow_down = 1.0;
+    if (!CartesianScalingWanted()) return;
+    int beyond = -1;  // a move no slow-down up to kMaxSlowDown helps
+    bool computed = true;
+    {
+        QuietStdout quiet;  // the pre-flight or the stream prints what fails
+        for (int pass = 0; pass < kMaxScalingPasses; ++pass) {
+            JointLimitProbe probe(robot, count);
+            int line = 0;
+            if (simulate(probe, &line) < 0) {
+                computed = false;
+                break;
+            }
+            probe.Finish();
+            bool own = false;
+            for (int i = 0; i < count; ++i) own = own || !(probe.Need(i) <= kScalingWithin);
+            bool within = true;
+            for (int i = 0; i < count && beyond < 0; ++i) {
+                const double need = own ? probe.Need(i) : probe.SharedNeed(i);
+                if (need <= kScalingWithin) continue;
+                within = false;
+                table[i].slow_down *= need * (1.0 + kScalingMargin);
+                if (!(table[i].slow_down <= kMaxSlowDown)) beyond = i;
+            }
+            if (within || beyond >= 0) break;
+        }
+    }
+    if (computed && beyond < 0) return;
+    for (int i = 0; i < count; ++i) table[i].slow_down = 1.0;
+    if (beyond >= 0)
+        std::cout << "Line " << table[beyond].line_number << ": no slow-down up to " << kMaxSlowDown
+                  << " times keeps the joints within their limits; the run keeps its programmed speed." << std::endl;
+}
 
 }  // namespace
 
 int MovePathList(Robot* robot, InterpolationData* table, int count) {
-    return RunProgramWithPreflight([&](int* line) { return StreamPathList(robot, table, count, line); });
+    FitRunToJointLimits(robot, table, count, [&](JointLimitProbe& probe, int* line) {
+        return StreamPathList(robot, table, count, line, probe);
+    });
+    return RunProgramWithPreflight([&](int* line) {
+        ArmOutput arm(robot);
+        return StreamPathList(robot, table, count, line, arm);
+    });
 }
 
 int MovePathListSmooth(Robot* robot, InterpolationData* table, int count) {
-    return RunProgramWithPreflight([&](int* line) { return StreamPathListSmooth(robot, table, count, line); });
+    FitRunToJointLimits(robot, table, count, [&](JointLimitProbe& probe, int* line) {
+        return StreamPathListSmooth(robot, table, count, line, probe);
+    });
+    return RunProgramWithPreflight([&](int* line) {
+        ArmOutput arm(robot);
+        return StreamPathListSmooth(robot, table, count, line, arm);
+    });
 }
 
 namespace {
 
 // *line: the program line being streamed.
-int StreamPathList(Robot* robot, InterpolationData* table, int count, int* line) {
+template <typename Output>
+int StreamPathList(Robot* robot, InterpolationData* table, int count, int* line, Output& output) {
     if (robot == nullptr || table == nullptr || count < 0) return -1;
     if (count == 0) return 0;
     if (PrepareForRun(robot, table, count) < 0) return -1;
@@ -289,12 +372,12 @@ int StreamPathList(Robot* robot, InterpolationData* table, int count, int* line)
     double command[kMaxJointNum] = {};
     double previous[kMaxJointNum] = {};
     CopyJoints(table[0].start_position, command, n);
-    if (BeginMotion() < 0) return -1;
-    tql::PeriodicTimer timer(PERIOD);  // one schedule for the whole run
+    if (output.Begin() < 0) return -1;
+    output.Restart();  // one schedule for the whole run
 
     for (int i = 0; i < count; ++i) {
         InterpolationData& move = table[i];
-        if (RunActions(move.before, line, &timer) < 0) return -1;
+        if (RunActions(move.before, line, output) < 0) return -1;
         *line = move.line_number;
         // Every move starts from the joints last streamed, not from the
         // programmed target of the one before (a straight line or an arc ends
@@ -306,23 +389,25 @@ int StreamPathList(Robot* robot, InterpolationData* table, int count, int* line)
         }
         const int ticks = Ticks(move.total_time);
         for (int k = 1; k <= ticks; ++k) {
-            if (TakeStopRequest()) return -1;
+            if (output.Stopped()) return -1;
             CopyJoints(command, previous, n);
             if (move.MovePathFlow(robot, command, k * PERIOD) < 0) return -1;
-            if (robot->SendMachinePosition(command, previous) < 0) return -1;
-            timer.Wait();
+            if (output.Send(command, previous, i) < 0) return -1;
         }
     }
-    return RunActions(table[count - 1].after, line, &timer);
+    return RunActions(table[count - 1].after, line, output);
 }
 
-// Streams moves table[0 .. count-1], prepared, blended among themselves.
-int StreamBlendedSegment(Robot* robot, InterpolationData* table, int count, int* line, tql::PeriodicTimer* timer,
+// Streams moves table[0 .. count-1], prepared, blended among themselves;
+// table[0] is move `index` of the run.
+template <typename Output>
+int StreamBlendedSegment(Robot* robot, InterpolationData* table, int count, int index, int* line, Output& output,
                          double* command);
 
 // Blends never cross a TIMER or DOUT line: the run is streamed in segments
 // between them, each ending at rest where the actions run.
-int StreamPathListSmooth(Robot* robot, InterpolationData* table, int count, int* line) {
+template <typename Output>
+int StreamPathListSmooth(Robot* robot, InterpolationData* table, int count, int* line, Output& output) {
     if (robot == nullptr || table == nullptr || count < 0) return -1;
     if (count == 0) return 0;
     // Cut at the moves with TIMER or DOUT lines before them (no blend across
@@ -330,20 +415,21 @@ int StreamPathListSmooth(Robot* robot, InterpolationData* table, int count, int*
     // from where the arm stands (the first) or the joints last streamed.
     double command[kMaxJointNum] = {};
     robot->GetCurrentMachineJoint(command);
-    tql::PeriodicTimer timer(PERIOD);  // one schedule for the whole run
+    output.Restart();  // one schedule for the whole run
     for (int first = 0; first < count;) {
         int end = first + 1;
         while (end < count && table[end].before.count == 0) ++end;
         PrepareBlendedRun(robot, table + first, end - first, command);
         if (CheckPreparedMoves(table + first, end - first) < 0) return -1;
-        if (RunActions(table[first].before, line, &timer) < 0) return -1;
-        if (StreamBlendedSegment(robot, table + first, end - first, line, &timer, command) < 0) return -1;
+        if (RunActions(table[first].before, line, output) < 0) return -1;
+        if (StreamBlendedSegment(robot, table + first, end - first, first, line, output, command) < 0) return -1;
         first = end;
     }
-    return count > 0 ? RunActions(table[count - 1].after, line, &timer) : 0;
+    return count > 0 ? RunActions(table[count - 1].after, line, output) : 0;
 }
 
-int StreamBlendedSegment(Robot* robot, InterpolationData* table, int count, int* line, tql::PeriodicTimer* timer,
+template <typename Output>
+int StreamBlendedSegment(Robot* robot, InterpolationData* table, int count, int index, int* line, Output& output,
                          double* command) {
     if (count == 0) return 0;
     const int n = JointCount(robot);
@@ -353,7 +439,7 @@ int StreamBlendedSegment(Robot* robot, InterpolationData* table, int count, int*
     double tail_old[kMaxJointNum] = {};
     double head[kMaxJointNum] = {};      // Q: position along the starting move
     double head_old[kMaxJointNum] = {};
-    if (BeginMotion() < 0) return -1;
+    if (output.Begin() < 0) return -1;
 
     for (int i = 0; i < count; ++i) {
         InterpolationData& move = table[i];
@@ -367,26 +453,25 @@ int StreamBlendedSegment(Robot* robot, InterpolationData* table, int count, int*
             CopyJoints(move.start_position, head, n);
             const int ticks = Ticks(move.acc_time);
             for (int k = 1; k <= ticks; ++k) {
-                if (TakeStopRequest()) return -1;
+                if (output.Stopped()) return -1;
                 CopyJoints(tail, tail_old, n);
                 if (before.MovePathFlow(robot, tail, tail_start + k * PERIOD) < 0) return -1;
                 CopyJoints(head, head_old, n);
                 if (move.MovePathFlow(robot, head, k * PERIOD) < 0) return -1;
                 CopyJoints(command, previous, n);
                 for (int j = 0; j < n; ++j) command[j] += (tail[j] - tail_old[j]) + (head[j] - head_old[j]);
-                if (robot->SendMachinePosition(command, previous) < 0) return -1;
-                timer->Wait();
+                if (output.Blend(command, previous, index + i - 1, tail, tail_old, index + i, head, head_old) < 0)
+                    return -1;
             }
         }
         // Main phase: this move alone, absolute positions. Its deceleration
         // phase is run as the next move's blend (the last move's is 0).
         const int ticks = Ticks(move.total_time - move.dec_time - move.acc_time);
         for (int k = 1; k <= ticks; ++k) {
-            if (TakeStopRequest()) return -1;
+            if (output.Stopped()) return -1;
             CopyJoints(command, previous, n);
             if (move.MovePathFlow(robot, command, move.acc_time + k * PERIOD) < 0) return -1;
-            if (robot->SendMachinePosition(command, previous) < 0) return -1;
-            timer->Wait();
+            if (output.Send(command, previous, index + i) < 0) return -1;
         }
     }
     return 0;

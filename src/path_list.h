@@ -16,6 +16,9 @@ struct InterpolationData;
 int PathListPreprocess(Robot* robot, InterpolationData* table, int count);
 
 // Each move comes to rest before the next. 0, or -1 when stopped or failed.
+// With system row 8 ON the moves are first slowed down where the run would
+// take a joint beyond its limits (InterpolationData::slow_down; see
+// CartesianScalingWanted), as are those of a blended run.
 int MovePathList(Robot* robot, InterpolationData* table, int count);
 
 // Consecutive moves overlap: the tail of one and the head of the next are

@@ -49,14 +49,19 @@ struct InterpolationData {
     double acc_time = std::numeric_limits<double>::quiet_NaN();
     double dec_time = std::numeric_limits<double>::quiet_NaN();
     double total_time = std::numeric_limits<double>::quiet_NaN();
+    // The scaling pass's slow-down of this move (system row 8): its speed
+    // limits divided by it, accelerations by its square, jerks by its cube.
+    // 1: as programmed.
+    double slow_down = 1.0;
     double start_position[kMaxJointNum] = {};
     double auxiliary_position[kMaxJointNum] = {};  // circular moves: the arc's middle
     double target_position[kMaxJointNum] = {};
     ProgramActions before;  // run before this move starts
     ProgramActions after;   // run after this move (the program's last move only)
 
-    // Prepares this move's segment with the speed overrides applied. 0, or -1
-    // when a Cartesian segment cannot be built (its times are then unset).
+    // Prepares this move's segment with the speed overrides and the slow-down
+    // applied. 0, or -1 when a Cartesian segment cannot be built (its times
+    // are then unset).
     int MovePreProcess(Robot* robot);
     // Joint angles of this move t seconds after its start. On entry `joint`
     // holds the previous period's angles (the inverse kinematics seed). 0 or -1.

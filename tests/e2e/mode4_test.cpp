@@ -62,6 +62,73 @@ void ExpectWithinLimits(const Recorded& r) {
     EXPECT_EQ(r.beyond, 0) << r.run.err;
 }
 
+// A flight recording (rows time,id,mode,command,value): the set-points of
+// actuators 1..6 (time in s; joint angle in degrees, 10 per revolution, the
+// joint's direction left out) and the switches of digital output 1 in order
+// ("1" on, "0" off).
+struct Flight {
+    std::vector<double> t[6], deg[6];
+    std::string outputs;
+};
+
+Flight ReadFlight(const std::string& csv) {
+    Flight f;
+    std::istringstream rec(tqltest::ReadFile(csv));
+    for (std::string line; std::getline(rec, line);) {
+        double t = 0, value = 0;
+        int id = 0, mode = 0;
+        char command[64] = {};
+        if (std::sscanf(line.c_str(), "%lf,%d,%d,%63[^,],%lf", &t, &id, &mode, command, &value) != 5) continue;
+        if (std::string(command) == "setPosition" && id >= 1 && id <= 6) {
+            f.t[id - 1].push_back(t);
+            f.deg[id - 1].push_back(10.0 * value);
+        }
+        if (std::string(command) == "digitalOutput" && id == 1) f.outputs += value == 1 ? "1" : "0";
+    }
+    return f;
+}
+
+// The rests of a recording: gaps of more than 50 ms between two set-points.
+std::vector<double> Rests(const std::vector<double>& times) {
+    std::vector<double> rests;
+    for (size_t k = 1; k < times.size(); ++k)
+        if (times[k] - times[k - 1] > 0.05) rests.push_back(times[k] - times[k - 1]);
+    return rests;
+}
+
+// The demo arm's joint limits (GL_6L3 rows 1-3): deg/s, deg/s^2, deg/s^3.
+const double kJointLimits[3][6] = {
+    {90, 90, 90, 120, 120, 120}, {180, 180, 180, 240, 240, 240}, {900, 900, 900, 1200, 1200, 1200}};
+
+// Per joint, the largest ratio of its speed, acceleration and jerk to its
+// limits by first, second and third differences of its set-points. The
+// streams are split at the rests; the arm rests before each stream where the
+// last one left it (at 0, where the demo arm powers up, before the first) and
+// after it.
+std::vector<std::vector<double>> LimitRatios(const Flight& f) {
+    std::vector<std::vector<double>> ratios(6, std::vector<double>(3, 0.0));
+    for (int j = 0; j < 6; ++j) {
+        std::vector<double> q(3, 0.0);
+        auto measure = [&] {
+            q.insert(q.end(), 3, q.back());
+            for (size_t k = 3; k < q.size(); ++k) {
+                const double d[3] = {q[k] - q[k - 1], q[k] - 2 * q[k - 1] + q[k - 2],
+                                     q[k] - 3 * q[k - 1] + 3 * q[k - 2] - q[k - 3]};
+                for (int order = 0; order < 3; ++order)
+                    ratios[j][order] = std::max(
+                        ratios[j][order], std::fabs(d[order]) / std::pow(0.004, order + 1) / kJointLimits[order][j]);
+            }
+            q.assign(3, q.back());
+        };
+        for (size_t k = 0; k < f.t[j].size(); ++k) {
+            if (k > 0 && f.t[j][k] - f.t[j][k - 1] > 0.05) measure();
+            q.push_back(f.deg[j][k]);
+        }
+        measure();
+    }
+    return ratios;
+}
+
 const std::string kOverridePrompt = "Input speed override 0.1-1 : ";
 const std::string kCyclePrompt = "Input operation cycle : STEP\u3001CYCLE and CONTINUOUS\n";
 
@@ -168,47 +235,61 @@ TEST(Mode4, TimerWaitsAndDoutSwitchesWithTheProgramIoSwitch) {
             const tqltest::HostRun run = tqltest::RunHost(dir.path(), {"mode4"}, std::string("1\nCYCLE\n") + blend + "\n",
                                                           {{"TQL_SIM_RECORD", "rec.csv"}});
             EXPECT_EQ(run.exit_code, 0) << run.out;
-            std::vector<double> times;  // actuator 1's set-points
-            std::string outputs;        // "1" / "0" per switch of output 1, in order
-            std::istringstream rec(tqltest::ReadFile(dir.File("rec.csv")));
-            for (std::string line; std::getline(rec, line);) {
-                double t = 0, value = 0;
-                int id = 0, mode = 0;
-                char command[64] = {};
-                if (std::sscanf(line.c_str(), "%lf,%d,%d,%63[^,],%lf", &t, &id, &mode, command, &value) != 5) continue;
-                if (std::string(command) == "setPosition" && id == 1) times.push_back(t);
-                if (std::string(command) == "digitalOutput" && id == 1) outputs += value == 1 ? "1" : "0";
-            }
-            std::vector<double> rests;
-            for (size_t k = 1; k < times.size(); ++k)
-                if (times[k] - times[k - 1] > 0.05) rests.push_back(times[k] - times[k - 1]);
+            const Flight flight = ReadFlight(dir.File("rec.csv"));
+            const std::vector<double> rests = Rests(flight.t[0]);
             const bool on = std::string(io) == "ON";
-            EXPECT_EQ(outputs, on ? "10" : "") << io << " " << blend;
+            EXPECT_EQ(flight.outputs, on ? "10" : "") << io << " " << blend;
             ASSERT_EQ(rests.size(), on ? 2u : 0u) << io << " " << blend;
             for (double rest : rests) EXPECT_NEAR(rest, 0.304, 1e-6) << io << " " << blend;  // 300 ms + one period
             if (std::string(blend) == "YES") continue;
             // Plain, every move starts where the last one left the arm: joint
             // 1 (joint moves and the arc about the base) keeps its 900 deg/s^3
             // across the move boundaries, by third differences of its set-points.
-            std::vector<double> q;  // joint 1, degrees (10 per revolution), one stream
-            double worst = 0;
-            std::istringstream again(tqltest::ReadFile(dir.File("rec.csv")));
-            double last_t = -1;
-            for (std::string line; std::getline(again, line);) {
-                double t = 0, value = 0;
-                int id = 0, mode = 0;
-                char command[64] = {};
-                if (std::sscanf(line.c_str(), "%lf,%d,%d,%63[^,],%lf", &t, &id, &mode, command, &value) != 5 ||
-                    std::string(command) != "setPosition" || id != 1)
-                    continue;
-                if (t - last_t > 0.05) q.clear();  // a rest splits the streams
-                last_t = t;
-                q.push_back(10.0 * value);
-                const size_t k = q.size();
-                if (k >= 4)
-                    worst = std::max(worst, std::fabs(q[k - 1] - 3 * q[k - 2] + 3 * q[k - 3] - q[k - 4]) / 6.4e-8);
-            }
-            EXPECT_LE(worst, 900 * 1.01) << io;
+            EXPECT_LE(LimitRatios(flight)[0][2], 1.01) << io;
         }
+    }
+}
+
+// With the scaling switch (row 8) ON, as in the demo database, the demo
+// program keeps every joint within its speed, acceleration and jerk limits
+// (within 1 %), plain and blended, by finite differences of the flight
+// recording: its lines, arc and blends are slowed down. OFF, or without the
+// row, the run streams the set-points it always did (as many: 3003 per
+// actuator plain, 2602 blended; the same recording either way), and the
+// straight lines take joint 3 beyond its jerk limit.
+TEST(Mode4, CartesianScalingKeepsTheDemoWithinTheJointLimits) {
+    for (const char* blend : {"NO", "YES"}) {
+        const long described = std::string(blend) == "NO" ? 3003 : 2602;
+        std::string recorded[3];
+        for (int row = 0; row < 3; ++row) {  // ON, OFF, no row
+            const char* sql[3] = {"", "UPDATE system_parameters SET VALUE='OFF' WHERE ID=8",
+                                  "DELETE FROM system_parameters WHERE ID=8"};
+            tqltest::ScratchDir dir(false);
+            if (row > 0) {
+                ASSERT_TRUE(tqltest::ExecSql(dir.File("parameter.db"), sql[row]));
+            }
+            const tqltest::HostRun run = tqltest::RunHost(dir.path(), {"mode4"}, std::string("1\nCYCLE\n") + blend + "\n",
+                                                          {{"TQL_SIM_RECORD", "rec.csv"}});
+            EXPECT_EQ(run.exit_code, 0) << run.out;
+            const Flight flight = ReadFlight(dir.File("rec.csv"));
+            const std::vector<std::vector<double>> ratios = LimitRatios(flight);
+            std::istringstream rec(tqltest::ReadFile(dir.File("rec.csv")));
+            for (std::string line; std::getline(rec, line);)
+                if (line.find(",setPosition,") != std::string::npos) recorded[row] += line + "\n";
+            for (int j = 0; j < 6; ++j) {
+                SCOPED_TRACE(std::string("blend ") + blend + ", row 8 " + (row == 0 ? "ON" : row == 1 ? "OFF" : "absent") +
+                             ", joint " + std::to_string(j + 1));
+                if (row == 0) {
+                    EXPECT_GT(static_cast<long>(flight.t[j].size()), described);
+                    for (double ratio : ratios[j]) EXPECT_LE(ratio, 1.01);
+                } else {
+                    EXPECT_EQ(static_cast<long>(flight.t[j].size()), described);
+                    if (j == 2) {
+                        EXPECT_GT(ratios[j][2], 1.4);
+                    }
+                }
+            }
+        }
+        EXPECT_EQ(recorded[2], recorded[1]) << blend;
     }
 }

@@ -4,10 +4,12 @@
 // of the quaternion code under test.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
 #include <kdl/frames.hpp>
 #include <random>
 #include <string>
+#include <vector>
 
 #include "database.h"
 #include "execute.h"
@@ -49,6 +51,30 @@ KDL::Rotation Geodesic(const KDL::Rotation& r0, const KDL::Rotation& r1, double 
     return r0 * KDL::Rotation::Rot(axis, s * angle);
 }
 
+// Largest ratio, over the joints, of speed, acceleration and jerk to the
+// joint's own limits, by finite differences of the set-points sent after
+// `start`, the arm at rest before and after.
+struct JointPeaks {
+    double speed = 0.0, acceleration = 0.0, jerk = 0.0;
+    double Worst() const { return std::max({speed, acceleration, jerk}); }
+};
+JointPeaks PeaksOf(const Joints& start, const std::vector<Joints>& sent) {
+    std::vector<Joints> q(3, start);
+    q.insert(q.end(), sent.begin(), sent.end());
+    q.insert(q.end(), 3, q.back());
+    JointPeaks p;
+    for (size_t k = 3; k < q.size(); ++k)
+        for (int j = 0; j < 6; ++j) {
+            const AccDecDate& limit = GetCurrentRobot()->link_[j].joint_speed_data_;
+            const double d1 = q[k][j] - q[k - 1][j], d2 = d1 - (q[k - 1][j] - q[k - 2][j]);
+            const double d3 = d2 - (q[k - 1][j] - 2 * q[k - 2][j] + q[k - 3][j]);
+            p.speed = std::max(p.speed, std::fabs(d1) / PERIOD / limit.speed);
+            p.acceleration = std::max(p.acceleration, std::fabs(d2) / (PERIOD * PERIOD) / limit.acceleration);
+            p.jerk = std::max(p.jerk, std::fabs(d3) / (PERIOD * PERIOD * PERIOD) / limit.jerk);
+        }
+    return p;
+}
+
 class CartesianMoves : public tqltest::SimulatedArmTest {
 protected:
     void SetUp() override {
@@ -67,6 +93,9 @@ protected:
     }
     int Linear(Joints start, Joints end, AccDecDate* line, AccDecDate* turn, std::string* out = nullptr) {
         return Quiet([&] { return MoveLinearPath(robot_, start.data(), end.data(), line, turn); }, out);
+    }
+    int Arc(Joints start, Joints mid, Joints end, AccDecDate* line, AccDecDate* turn, std::string* out = nullptr) {
+        return Quiet([&] { return MoveCircularPath(robot_, start.data(), mid.data(), end.data(), line, turn); }, out);
     }
     int Jog(int axis, double step, std::string* out = nullptr) {
         return Quiet([&] { return JogInCartesianCoordinateSystem(axis, step); }, out);
@@ -175,6 +204,7 @@ TEST(CircularSegment, RandomCirclesInSpaceAndCollinearPoints) {
 // There and back, the second time with a rotation limit slow enough to govern
 // the timing: position and orientation still move together.
 TEST_F(CartesianMoves, LinearMoveStaysOnTheSegment) {
+    GetResourceDate()->cartesian_scaling_switch = false;  // the planned timing, joints as they come
     const Joints start = CurrentJoints(), end = tqltest::Degrees({35, 15, 75, 10, -60, 5});
     AccDecDate slow_turn = rotate_;
     slow_turn.speed /= 20;
@@ -298,4 +328,103 @@ TEST_F(CartesianMoves, CartesianJog) {
     ASSERT_FALSE(tick_spy.sent.empty());
     EXPECT_LT(RotationGap(Flange(CurrentJoints()).M, KDL::Rotation::RotZ(90 * kDeg) * f1.M), 1e-6);
     for (const Joints& q : tick_spy.sent) EXPECT_LT((Flange(q).p - f1.p).Norm(), 0.01);
+}
+
+// Random lines and arcs within reach, their Cartesian limits up to three times
+// slower than the robot's: streamed with the scaling switch (row 8) off and
+// on from the same start. On, every joint keeps its speed, acceleration and
+// jerk limits in the set-points sent, or nothing is sent; a move within its
+// limits off is sent bit for bit the same on; a slowed one ends where it
+// would have ended.
+TEST_F(CartesianMoves, ScalingKeepsEveryJointWithinItsLimits) {
+    std::mt19937 rng(29);
+    std::uniform_real_distribution<double> u(-1.0, 1.0);
+    int slowed = 0, untouched = 0, refused = 0;
+    for (int trial = 0; trial < 40; ++trial) {
+        const bool arc = trial % 2 == 1;
+        const Joints s = tqltest::Degrees({10 + 30 * u(rng), 25 + 10 * u(rng), 60 + 20 * u(rng), 5 + 40 * u(rng),
+                                           -70 + 25 * u(rng), 15 + 40 * u(rng)});
+        Joints e, m;
+        for (int j = 0; j < 6; ++j) {
+            e[j] = s[j] + (j == 0 ? 30 : j < 3 ? 10 : 40) * u(rng) * tqltest::kDeg;
+            m[j] = (s[j] + e[j]) / 2 + 8 * u(rng) * tqltest::kDeg;
+        }
+        const double slower = 1 + 0.25 * (u(rng) + 1);
+        AccDecDate line = SlowedDown(line_, slower), turn = SlowedDown(rotate_, slower);
+        int result[2];
+        std::vector<Joints> sent[2];
+        for (int on = 0; on < 2; ++on) {
+            ASSERT_NO_FATAL_FAILURE(MoveTo(s));
+            GetResourceDate()->cartesian_scaling_switch = on == 1;
+            result[on] = arc ? Arc(s, m, e, &line, &turn) : Linear(s, e, &line, &turn);
+            sent[on] = tick_spy.sent;
+        }
+        SCOPED_TRACE("trial " + std::to_string(trial));
+        if (result[1] < 0) {
+            EXPECT_TRUE(sent[1].empty());
+            ++refused;
+            continue;
+        }
+        EXPECT_LE(PeaksOf(s, sent[1]).Worst(), 1 + 1e-6);
+        // The segment's own end: an arc runs on past its middle by the
+        // middle-to-end angle, which ends at e only when m lies between.
+        KDL::Vector end = Flange(e).p;
+        if (arc) {
+            CircularPath path;
+            double pose[7];
+            ASSERT_EQ(MoveCircularPreprocess(robot_, Joints(s).data(), m.data(), e.data(), &path, &line, &turn), 0);
+            path.Interpolation(path.tall_, pose);
+            end = KDL::Vector(pose[0], pose[1], pose[2]);
+        }
+        EXPECT_LT((Flange(sent[1].back()).p - end).Norm(), 1e-3);
+        if (result[0] == 0 && PeaksOf(s, sent[0]).Worst() <= 1.0) {
+            EXPECT_EQ(sent[1], sent[0]);
+            ++untouched;
+        } else {
+            EXPECT_GT(sent[1].size(), sent[0].size());
+            ++slowed;
+        }
+    }
+    EXPECT_GE(slowed, 10);
+    EXPECT_GE(untouched, 8);
+    EXPECT_LE(refused, 10);
+}
+
+// A line past the wrist singularity: at the programmed speed joints 4 and 6
+// would turn faster than their actuators allow, and the pre-flight refuses it.
+// With scaling it runs slowed down, on the same segment, every joint within
+// its limits. A slow-down beyond kMaxSlowDown (here: joint 4's jerk limit
+// divided by 1e8) is not attempted: the line keeps its programmed timing and
+// is refused as without scaling.
+TEST_F(CartesianMoves, LineNearTheWristSingularityRunsSlowed) {
+    const Joints s = tqltest::Degrees({10, 26, 56, -42, -3, -37}), e = tqltest::Degrees({9, 31, 59, -95, -19, 46});
+    LinearPath plan;
+    ASSERT_EQ(MoveLinearPreprocess(robot_, Joints(s).data(), Joints(e).data(), &plan, &line_, &rotate_), 0);
+    const size_t planned = std::lround(plan.tall_ / PERIOD);
+    const double jerk = robot_->link_[3].joint_speed_data_.jerk;
+    const struct { bool on; double jerk_limit; int result; std::string printed; } cases[] = {
+        {false, jerk, -1, "ID 6 beyond speed limit"},
+        {true, jerk, 0, ""},
+        {true, jerk / 1e8, -1, "slow-down up to 100 times"},
+    };
+    for (const auto& c : cases) {
+        ASSERT_NO_FATAL_FAILURE(MoveTo(s));
+        GetResourceDate()->cartesian_scaling_switch = c.on;
+        robot_->link_[3].joint_speed_data_.jerk = c.jerk_limit;
+        std::string out;
+        EXPECT_EQ(Linear(s, e, &line_, &rotate_, &out), c.result) << out.substr(0, 300);
+        EXPECT_NE(out.find(c.printed), std::string::npos) << out.substr(0, 300);
+        if (c.result < 0) {
+            EXPECT_TRUE(tick_spy.sent.empty());
+            continue;
+        }
+        EXPECT_GT(tick_spy.sent.size(), 3 * planned);
+        EXPECT_LE(PeaksOf(s, tick_spy.sent).Worst(), 1 + 1e-6);
+        EXPECT_NEAR(ExpectOnSegment(s, e, line_.speed), 1.0, 1e-6);
+        AccDecDate line = line_, turn = rotate_;
+        const double k = FitLinearMoveToJointLimits(robot_, Joints(s).data(), Joints(e).data(), &line, &turn);
+        EXPECT_TRUE(k > 3 && k < kMaxSlowDown) << k;
+        EXPECT_DOUBLE_EQ(line.jerk, line_.jerk / (k * k * k));
+    }
+    robot_->link_[3].joint_speed_data_.jerk = jerk;
 }

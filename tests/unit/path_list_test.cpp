@@ -2,6 +2,7 @@
 // and blended streaming, refusals, stop handling, continuous runs, stepping.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
 #include <iostream>
 #include <memory>
@@ -10,6 +11,7 @@
 #include <string>
 #include <vector>
 
+#include "database.h"
 #include "execute.h"
 #include "path_list.h"
 #include "program.h"
@@ -27,6 +29,7 @@ protected:
         tick_spy = tqltest::TickSpy();
         ASSERT_NO_FATAL_FAILURE(BootArm(&tqltest::TickSleep));
         robot_ = GetCurrentRobot();
+        if (described_timing_) GetResourceDate()->cartesian_scaling_switch = false;
         SetReplayOverride(1.0);
         ASSERT_EQ(SetSpeedOverride(), 0);
         table_.reset(new InterpolationData[kInterpolationTableSize]);
@@ -71,6 +74,7 @@ protected:
     Robot* robot_ = nullptr;
     std::unique_ptr<InterpolationData[]> table_;
     std::string out_;
+    bool described_timing_ = false;  // the scaling switch (row 8) off whatever the database says
 };
 
 // Largest ratio of a joint's commanded speed to its limit on the demo arm
@@ -82,6 +86,26 @@ double PeakSpeedRatio(const std::vector<tqltest::Joints>& sent) {
             peak = std::max(peak, std::fabs(sent[k][j] - sent[k - 1][j]) / 36.0 * 6.2831852 / PERIOD /
                                       ((j < 3 ? 90 : 120) * tqltest::kDeg));
     return peak;
+}
+
+// Largest ratio, over the joints, of speed, acceleration and jerk to the
+// joint's own limits, by finite differences of the set-points sent after
+// `start`, the arm at rest before and after.
+double WorstLimitRatio(const tqltest::Joints& start, const std::vector<tqltest::Joints>& sent) {
+    std::vector<tqltest::Joints> q(3, start);
+    q.insert(q.end(), sent.begin(), sent.end());
+    q.insert(q.end(), 3, q.back());
+    double worst = 0.0;
+    for (size_t k = 3; k < q.size(); ++k)
+        for (int j = 0; j < 6; ++j) {
+            const AccDecDate& limit = GetCurrentRobot()->link_[j].joint_speed_data_;
+            const double d1 = q[k][j] - q[k - 1][j], d2 = d1 - (q[k - 1][j] - q[k - 2][j]);
+            const double d3 = d2 - (q[k - 1][j] - 2 * q[k - 2][j] + q[k - 3][j]);
+            worst = std::max({worst, std::fabs(d1) / PERIOD / limit.speed,
+                              std::fabs(d2) / (PERIOD * PERIOD) / limit.acceleration,
+                              std::fabs(d3) / (PERIOD * PERIOD * PERIOD) / limit.jerk});
+        }
+    return worst;
 }
 
 const std::vector<std::string> kTwoJointMoves = {
@@ -129,6 +153,7 @@ TEST_F(Runners, BlendIsTheShorterOfTheMeetingPhases) {
 // The superposed moves stay within the joint speed limits (and, as in every
 // test here, the fixture's TearDown finds no set-point beyond the limits).
 TEST_F(Runners, BlendedRunOverlapsMovesByTheBlendLength) {
+    described_timing_ = true;
     const struct { std::vector<std::string> approach, moves; double tol; } cases[] = {  // revolutions
         {{}, kTwoJointMoves, 0.0},
         {{}, {"MOVJ VJ=40 z5 10,20,60,10,-90,0"}, 0.0},
@@ -212,4 +237,77 @@ TEST_F(Runners, StepWalksForwardAndBackwardWithTheOverrideAppliedOnce) {
     EXPECT_EQ(table_[0].joint_acc_dec[0].speed, 0.5 * full_speed);
     const double peak = PeakSpeedRatio(tick_spy.commands);
     EXPECT_TRUE(peak > 0.25 && peak <= 0.5001) << peak;
+}
+
+// Seeded programs of joint moves, lines and arcs around the demo's working
+// pose (some with a TIMER), plain and blended, run from the same pose with the
+// scaling switch (row 8) off and on. On, the set-points sent (the TIMER's rest
+// periods among them) keep every joint within its speed, acceleration and jerk
+// limits, across the moves' junctions and blends; a run within the limits off
+// is sent bit for bit the same on; a slowed run ends at the same target.
+TEST_F(Runners, ScalingKeepsProgramRunsWithinTheJointLimits) {
+    std::mt19937 rng(41);
+    std::uniform_real_distribution<double> u(-1.0, 1.0);
+    int slowed = 0, untouched = 0, kept = 0;
+    for (int trial = 0; trial < 12; ++trial) {
+        const double pose[6] = {0, 20, 60, 10, -90, 0}, spread[6] = {25, 8, 12, 25, 25, 25};  // degrees
+        std::vector<std::string> lines = {kApproach};
+        std::vector<double> from(pose, pose + 6);  // where the last move ends
+        auto text = [](const std::vector<double>& q) {
+            std::ostringstream p;
+            for (size_t j = 0; j < q.size(); ++j) p << (j ? "," : "") << q[j];
+            return p.str();
+        };
+        for (int i = 0; i < 5; ++i) {
+            // Every fourth program (plain) of joint moves only: within the limits.
+            const int kind = trial % 4 == 0 ? 0 : static_cast<int>(3 * (u(rng) + 1) / 2);
+            const int speed = static_cast<int>((trial % 3 ? 150 : 40) + (trial % 3 ? 100 : 20) * u(rng));
+            std::vector<double> to(6), mid(6);
+            for (int j = 0; j < 6; ++j) {
+                to[j] = pose[j] + spread[j] * u(rng);
+                mid[j] = (from[j] + to[j]) / 2 + 3 * u(rng);
+            }
+            if (kind == 0) lines.push_back("MOVJ VJ=" + std::to_string(speed / 3) + " z5 " + text(to));
+            if (kind == 1) lines.push_back("MOVL V=" + std::to_string(speed) + " z5 " + text(to));
+            if (kind == 2) lines.push_back("MOVC V=" + std::to_string(speed) + " z5 " + text(mid) + "," + text(to));
+            if (i == 2 && trial % 3 == 0) lines.push_back("TIMER T=40");
+            from = to;
+        }
+        const Runner runner = trial % 2 ? &MovePathListSmooth : &MovePathList;
+        int result[2];
+        std::vector<tqltest::Joints> sent[2];
+        for (int on = 0; on < 2; ++on) {
+            TearDown();
+            SetUp();
+            GetResourceDate()->cartesian_scaling_switch = on == 1;
+            result[on] = Run(runner, Load(lines));
+            sent[on] = tick_spy.sent;
+        }
+        SCOPED_TRACE("trial " + std::to_string(trial) + "\n" + ::testing::PrintToString(lines));
+        ASSERT_EQ(result[1], result[0]) << out_;
+        if (result[1] < 0) {
+            EXPECT_TRUE(sent[1].empty() && sent[0].empty());
+            continue;
+        }
+        for (int j = 0; j < 6; ++j) EXPECT_NEAR(sent[1].back()[j], sent[0].back()[j], 1e-6);
+        if (out_.find("no slow-down up to 100 times") != std::string::npos) {
+            // A step in the joints' stream (the inverse kinematics' own
+            // error where a line or an arc starts) that no slow-down removes:
+            // the run keeps its programmed timing.
+            EXPECT_EQ(sent[1], sent[0]);
+            ++kept;
+            continue;
+        }
+        EXPECT_LE(WorstLimitRatio(tqltest::Joints(), sent[1]), 1 + 1e-6);
+        if (WorstLimitRatio(tqltest::Joints(), sent[0]) <= 1.0) {
+            EXPECT_EQ(sent[1], sent[0]);
+            ++untouched;
+        } else {
+            EXPECT_GT(sent[1].size(), sent[0].size());
+            ++slowed;
+        }
+    }
+    EXPECT_GE(slowed, 6);
+    EXPECT_GE(untouched, 2);
+    EXPECT_LE(kept, 2);
 }
