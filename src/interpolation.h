@@ -428,14 +428,11 @@ int RealTimeMonitoring();
 // A continuous recording filled by the monitoring loop: from Start on, every
 // period appends its joint positions [rad, `joints` per sample] to `buffer`
 // (at most `capacity` samples, the rest are not kept); Stop ends it and gives
-// the number of samples; Samples reads it meanwhile.
+// the number of samples.
 void StartMonitoredRecording(double* buffer, long capacity, int joints);
 long StopMonitoredRecording();
-long MonitoredRecordingSamples();
 // True while the monitoring loop runs.
 bool MonitoringRunning();
-// How many monitoring loops have read the running mode at their start.
-long MonitoringModeChecks();
 // A drag-teaching session's two threads start now: the recorder's
 // MultiThreadTrigger waits until the loop has read the running mode.
 void NoteMonitoringSession();

@@ -169,9 +169,10 @@ private:
     void ActivateMode(Actuator::ActuatorMode mode, double settle_ms);
     // Prints the error of joint i if its actuator reports one; true when clean.
     bool JointErrorFree(int i, bool id_as_number);
-    // Every joint's error word and set-point check for one tick; 0 when the
-    // whole tick may be sent.
-    int CheckPositionTick(double* q, double* q_last, bool id_as_number);
+    // Every joint's error word and set-point check for one tick, then the
+    // workspace (against workspace_last, default q_last); 0 when the whole
+    // tick may be sent.
+    int CheckPositionTick(double* q, double* q_last, bool id_as_number, double* workspace_last = nullptr);
     void SendPositionTick(double* q);
 };
 

@@ -32,7 +32,7 @@ std::mutex recording_mutex;
 double* recording = nullptr;  // J values per sample; null: no recording
 long recording_capacity = 0;  // samples
 int recording_joints = 0;
-std::atomic<long> recorded{0};  // samples appended
+long recorded = 0;              // samples appended
 std::atomic<bool> monitoring{false};  // the loop is delivering positions
 std::atomic<long> monitoring_checks{0};  // loops that have read the running mode at their start
 std::atomic<long> session_checks{-1};    // their count when a session's threads started; -1: none
@@ -42,10 +42,10 @@ void DeliverPosition(const double* q) {
     // next looks.
     if (GetStopFlag()) return;
     std::lock_guard<std::mutex> lock(recording_mutex);
-    const long k = recorded.load(std::memory_order_relaxed);
+    const long k = recorded;
     if (recording == nullptr || k >= recording_capacity) return;  // past the capacity: kept no more
     for (int j = 0; j < recording_joints; ++j) recording[k * recording_joints + j] = q[j];
-    recorded.store(k + 1, std::memory_order_release);
+    recorded = k + 1;
 }
 
 // Gravity compensation during hand guiding: the dynamics switch of the
@@ -66,20 +66,16 @@ void StartMonitoredRecording(double* buffer, long capacity, int joints) {
     recording = buffer;
     recording_capacity = buffer != nullptr && capacity > 0 ? capacity : 0;
     recording_joints = joints;
-    recorded.store(0);
+    recorded = 0;
 }
 
 long StopMonitoredRecording() {
     std::lock_guard<std::mutex> lock(recording_mutex);
     recording = nullptr;
-    return recorded.load();
+    return recorded;
 }
 
-long MonitoredRecordingSamples() { return recorded.load(std::memory_order_acquire); }
-
 bool MonitoringRunning() { return monitoring.load(); }
-
-long MonitoringModeChecks() { return monitoring_checks.load(); }
 
 void NoteMonitoringSession() { session_checks.store(monitoring_checks.load()); }
 
@@ -151,7 +147,7 @@ void MultiThreadTrigger() {
     // A session the operator ends at once must not change the mode under a
     // loop that has not looked at it yet (it would refuse to start).
     const long started = session_checks.exchange(-1);
-    while (started >= 0 && MonitoringModeChecks() == started) std::this_thread::yield();
+    while (started >= 0 && monitoring_checks.load() == started) std::this_thread::yield();
     if (GravityCompensationOn()) {
         // Compensation stops with the loop: the arm must be held before then.
         std::cout << "Please hold the arm with your hand " << "and then press enter to continue ..." << std::endl;

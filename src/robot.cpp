@@ -180,12 +180,12 @@ bool Robot::JointErrorFree(int i, bool id_as_number) {
 // Every command of a tick is checked, on every joint, before any joint is
 // sent: a tick goes out whole or not at all, so nothing follows a fault on any
 // joint and no joint runs ahead of the others.
-int Robot::CheckPositionTick(double* q, double* q_last, bool id_as_number) {
+int Robot::CheckPositionTick(double* q, double* q_last, bool id_as_number, double* workspace_last) {
     for (int i = 0; i < joint_num_; ++i) {
         if (!JointErrorFree(i, id_as_number)) return -1;
         if (link_[i].CheckPosition(q[i], q_last[i], PERIOD) < 0) return -1;
     }
-    return CheckWorkspace(q, q_last);
+    return CheckWorkspace(q, workspace_last != nullptr ? workspace_last : q_last);
 }
 
 void Robot::SendPositionTick(double* q) {
@@ -217,11 +217,7 @@ int Robot::SetPosition(double* q) {
     // The soft limits, and the workspace against the last set-point sent.
     double last[kMaxJointNum] = {};
     CopyRealTimePos(last, joint_num_);
-    for (int i = 0; i < joint_num_; ++i) {
-        if (!JointErrorFree(i, false)) return -1;
-        if (link_[i].CheckPosition(q[i], q[i], PERIOD) < 0) return -1;
-    }
-    if (CheckWorkspace(q, last) < 0) return -1;
+    if (CheckPositionTick(q, q, false, last) < 0) return -1;
     if (tql::InPreflight()) return joint_num_;
     SendPositionTick(q);
     return joint_num_;

@@ -6,6 +6,7 @@
 #include <sstream>
 
 #include "database.h"
+#include "math_fun.h"
 #include "mechnical_unit.h"
 
 namespace {
@@ -46,14 +47,14 @@ double Outside(const ResourceData* rd, const double* p, std::string* why) {
 bool Points(Robot& robot, double* q, double flange[3], double wrist[3]) {
     double pose[7];  // x, y, z [mm], w, qx, qy, qz
     if (robot.ForwardKinematics(q, pose) < 0) return false;
-    // The tool axis (the flange frame's z) in the base frame, from the quaternion.
-    const double w = pose[3], x = pose[4], y = pose[5], z = pose[6];
-    const double axis[3] = {2 * (x * z + w * y), 2 * (y * z - w * x), 1 - 2 * (x * x + y * y)};
-    // The wrist centre: the flange's offset d6 back along the tool axis.
+    double T[4][4];
+    UnitQuaternionToMatrix(T, pose);
+    // The wrist centre: the flange's offset d6 back along the tool axis (the
+    // flange frame's z, column 2).
     const double d6 = robot.link_[5].mdh_[3];
     for (int k = 0; k < 3; ++k) {
         flange[k] = pose[k];
-        wrist[k] = pose[k] - d6 * axis[k];
+        wrist[k] = pose[k] - d6 * T[k][2];
     }
     return true;
 }

@@ -6,7 +6,6 @@
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
-#include <sstream>
 #include <string>
 #include <vector>
 
@@ -17,21 +16,7 @@ namespace {
 using tqltest::HostRun;
 using tqltest::ReadFile;
 using tqltest::ScratchDir;
-
-// Bus times of the position set-points in a flight recording, in order
-// (of actuator `id` only, when given).
-std::vector<double> SetPointTimes(const std::string& csv, int id = 0) {
-    std::vector<double> times;
-    std::istringstream in(csv);
-    for (std::string line; std::getline(in, line);) {
-        double t = 0;
-        int who = 0;
-        if (line.find(",setPosition,") != std::string::npos && std::sscanf(line.c_str(), "%lf,%d", &t, &who) == 2 &&
-            (id == 0 || who == id))
-            times.push_back(t);
-    }
-    return times;
-}
+using tqltest::SetPointTimes;
 
 // Files named *.part (a write that did not finish) under dir/file.
 int PartFiles(const ScratchDir& dir) {

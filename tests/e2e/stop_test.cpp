@@ -1,8 +1,6 @@
 // A stop request is never lost: a Ctrl-C pressed while a job waits at a
 // prompt, after a demonstration or in the pause between two cycles ends the
 // job before its next motion, with -1, through the host.
-#include <cstdio>
-#include <sstream>
 #include <string>
 #include <vector>
 
@@ -12,20 +10,7 @@ namespace {
 
 using tqltest::HostRun;
 using tqltest::ScratchDir;
-
-// Bus times of actuator 1's position set-points in a flight recording.
-std::vector<double> SetPointTimes(const std::string& csv) {
-    std::vector<double> times;
-    std::istringstream in(csv);
-    for (std::string line; std::getline(in, line);) {
-        double t = 0;
-        int id = 0;
-        if (line.find(",setPosition,") != std::string::npos && std::sscanf(line.c_str(), "%lf,%d", &t, &id) == 2 &&
-            id == 1)
-            times.push_back(t);
-    }
-    return times;
-}
+using tqltest::SetPointTimes;
 
 }  // namespace
 
@@ -58,7 +43,7 @@ TEST(StopRequest, CtrlCInThePauseBetweenCyclesEndsTheRun) {
     ScratchDir first(false);
     const HostRun cycles = tqltest::RunHost(first.path(), {"mode4"}, "1\nCONTINUOUS\nNO\n",
                                             {{"TQL_SIM_RECORD", "rec.csv"}, {"TQL_SIM_INTERRUPT", "40"}});
-    const std::vector<double> times = SetPointTimes(tqltest::ReadFile(first.File("rec.csv")));
+    const std::vector<double> times = SetPointTimes(tqltest::ReadFile(first.File("rec.csv")), 1);
     double pause = -1;
     for (size_t k = 1; k < times.size() && pause < 0; ++k)
         if (times[k] - times[k - 1] > 0.5) pause = times[k - 1];
@@ -70,7 +55,7 @@ TEST(StopRequest, CtrlCInThePauseBetweenCyclesEndsTheRun) {
                                          {{"TQL_SIM_RECORD", "rec.csv"}, {"TQL_SIM_INTERRUPT", at}});
     EXPECT_EQ(run.exit_code, 255) << run.out;
     EXPECT_EQ(run.out.find("Cycle count : 2"), std::string::npos) << run.out;
-    const std::vector<double> sent = SetPointTimes(tqltest::ReadFile(dir.File("rec.csv")));
+    const std::vector<double> sent = SetPointTimes(tqltest::ReadFile(dir.File("rec.csv")), 1);
     ASSERT_FALSE(sent.empty());
     EXPECT_LE(sent.back(), pause + 1e-9);
 }

@@ -10,6 +10,7 @@
 
 #include <chrono>
 #include <cmath>
+#include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -56,6 +57,19 @@ int BootSimulatedArm(void (*sleep)(double), std::string* out) {
     tql::SetClockFunction(&tql_sim_now);
     SetDigitalOutputHandler(&tql_sim_digital_output);
     return Quiet([] { return Boot(); }, out);
+}
+
+std::vector<double> SetPointTimes(const std::string& csv, int id) {
+    std::vector<double> times;
+    std::istringstream in(csv);
+    for (std::string line; std::getline(in, line);) {
+        double t = 0;
+        int who = 0;
+        if (line.find(",setPosition,") != std::string::npos && std::sscanf(line.c_str(), "%lf,%d", &t, &who) == 2 &&
+            (id == 0 || who == id))
+            times.push_back(t);
+    }
+    return times;
 }
 
 std::list<InstructionUnit> DecodeLines(const std::vector<std::string>& lines) {

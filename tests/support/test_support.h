@@ -181,6 +181,9 @@ std::list<InstructionUnit> DecodeLines(const std::vector<std::string>& lines);
 
 std::string ReadFile(const std::string& path);
 void WriteFile(const std::string& path, const std::string& text);
+// Bus times of the position set-points in a flight recording, in order (of
+// actuator `id` only, when given).
+std::vector<double> SetPointTimes(const std::string& csv, int id = 0);
 // Runs one SQL statement list on a database file; returns false on error.
 bool ExecSql(const std::string& db_path, const std::string& sql);
 // Number of occurrences of `needle` in `text`.
