@@ -121,6 +121,10 @@ public:
     // joints or none. 0 (SetPosition, SetMachineTorque: the joint count), or
     // -1 after the failing check's message.
     // q_last: the previous tick's set-points, for the speed check over PERIOD.
+    // Every joint's error word and set-point check for one tick, then the
+    // workspace (against workspace_last, default q_last); 0 when the whole
+    // tick may be sent.
+    int CheckPositionTick(double* q, double* q_last, bool id_as_number, double* workspace_last = nullptr);
     int SendMachinePosition(double* q, double* q_last);
     int SendPosition(double* q, double* q_last);
     // Soft limits only: there is no previous set-point to check a speed against.
@@ -169,10 +173,6 @@ private:
     void ActivateMode(Actuator::ActuatorMode mode, double settle_ms);
     // Prints the error of joint i if its actuator reports one; true when clean.
     bool JointErrorFree(int i, bool id_as_number);
-    // Every joint's error word and set-point check for one tick, then the
-    // workspace (against workspace_last, default q_last); 0 when the whole
-    // tick may be sent.
-    int CheckPositionTick(double* q, double* q_last, bool id_as_number, double* workspace_last = nullptr);
     void SendPositionTick(double* q);
 };
 

@@ -135,10 +135,8 @@ int PreflightJointSamples(Robot* robot, double* samples, int rows, double period
         if (k < rows) {
             double* sample = samples + static_cast<size_t>(k) * n;
             double* before = k > 0 ? sample - n : sample;
-            for (int j = 0; j < n; ++j)
-                if (robot->link_[j].CheckPosition(sample[j], before[j], PERIOD) < 0)
-                    return RefuseSample(robot, samples, rows, k);
-            if (robot->CheckWorkspace(sample, before) < 0) return RefuseSample(robot, samples, rows, k);
+            // The tick check every sample will pass when it is sent.
+            if (robot->CheckPositionTick(sample, before, false) < 0) return RefuseSample(robot, samples, rows, k);
         }
         if (k > 0 && JointLimitRefuses(robot, samples, rows, k, period_s))
             return RefuseSample(robot, samples, rows, k < rows ? k : rows - 1);
