@@ -11,6 +11,7 @@ INSERT INTO system_parameters VALUES (5, 'collision_factor', '1.5');
 INSERT INTO system_parameters VALUES (6, 'preflight_switch', 'ON');
 INSERT INTO system_parameters VALUES (7, 'program_io_switch', 'ON');
 INSERT INTO system_parameters VALUES (8, 'cartesian_scaling_switch', 'ON');
+INSERT INTO system_parameters VALUES (9, 'braking_switch', 'ON');
 
 CREATE TABLE GL_4L3 (ID INTEGER PRIMARY KEY NOT NULL, NAME TEXT NOT NULL, VALUE TEXT NOT NULL);
 INSERT INTO GL_4L3 VALUES (1, 'joint_speed_deg_s', '[90,90,90,120]');

@@ -235,6 +235,7 @@ int ReadParameters(const char* file, int flags, ResourceData* rd) {
     rd->preflight_switch = std::strcmp(Slot(6), "OFF") != 0;
     rd->program_io_switch = std::strcmp(Slot(7), "ON") == 0;
     rd->cartesian_scaling_switch = std::strcmp(Slot(8), "ON") == 0;
+    rd->braking_switch = std::strcmp(Slot(9), "ON") == 0;
 
     const std::string type_name = Slot(1);
     bool known = false;

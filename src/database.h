@@ -25,6 +25,7 @@ struct ResourceData {
     bool preflight_switch = true;        // system row 6 != "OFF": check streams before moving
     bool program_io_switch = false;      // system row 7 == "ON": TIMER waits, DOUT switches outputs
     bool cartesian_scaling_switch = false;  // system row 8 == "ON": Cartesian and blended moves slowed to the joints' limits
+    bool braking_switch = false;         // system row 9 == "ON": a stop request brakes the stream to rest
     int robot_type = 0;                  // RobotTypeCode
     double joint_speed[20] = {};         // deg/s
     double joint_acceleration[20] = {};  // deg/s^2

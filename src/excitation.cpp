@@ -150,7 +150,7 @@ int MoveExcitationTrajectories(Robot* robot, int repetitions) {
         return -1;
     }
 
-    if (BeginMotion() < 0) return -1;
+    if (BeginMotion() < 0) return -1;  // the stop flag, before the records are made
     const int record_width = 3 * n;  // n currents, n velocities, n positions
     const size_t record_size =
         static_cast<size_t>(repetitions) * n * (kExcitationSamples + kExcitationSpare) * 3;
@@ -166,20 +166,23 @@ int MoveExcitationTrajectories(Robot* robot, int repetitions) {
         return -1;
     if (MoveToSpecifiedPosition(trajectory.get()) < 0) return -1;
     int rows = 0;
+    // Each period starts and ends at rest; a stop brakes the sample clock.
+    ArmOutput arm(robot, wait_ms * 1e-3, true);
     for (int r = 0; r < repetitions; ++r) {
         tql::SleepMilliseconds(kRepetitionPauseMs);
         if (IsTerminal()) std::cout << "Running  iter = " << r << std::endl;
-        tql::PeriodicTimer timer(wait_ms * 1e-3);
+        arm.Restart();
         for (int k = 1; k <= kLastSample; ++k) {
-            if (TakeStopRequest()) return -1;
-            robot->RequestCVPValue();
-            if (robot->SendPosition(&trajectory[k * n], &trajectory[(k - 1) * n]) < 0) return -1;
-            timer.Wait();
+            if (arm.Stopped()) return -1;
+            if (!arm.LookingAhead()) robot->RequestCVPValue();
+            if (arm.Send(&trajectory[k * n], &trajectory[(k - 1) * n], 0) < 0) return arm.Finish(-1);
+            if (arm.LookingAhead()) continue;
             if (robot->controller_ != nullptr) robot->controller_->processEvents();
             double* record = &records[static_cast<size_t>(rows) * record_width];
             robot->GetCurrentCVPFast(record, record + n, record + 2 * n);
             ++rows;
         }
+        if (arm.Finish(0) < 0) return -1;  // the period's end: a brake in progress ends here
         tql::SleepMilliseconds(kRepetitionPauseMs);
     }
     trajectory.reset();

@@ -120,7 +120,8 @@ int MoveJointPreprocess(Robot* robot, double* start, double* end, JointPath* pat
 
 bool PreflightWanted() { return GetResourceDate()->preflight_switch && !tql::InPreflight(); }
 
-static int StreamJointPath(Robot* robot, double* start, double* end, AccDecDate* limits) {
+template <typename Output>
+static int StreamJointPath(Robot* robot, double* start, double* end, AccDecDate* limits, Output& output) {
     JointPath paths[kMaxJointNum];
     if (MoveJointPreprocess(robot, start, end, paths, limits) < 0) return -1;
     const int n = robot->GetRobotJointNum();
@@ -131,23 +132,25 @@ static int StreamJointPath(Robot* robot, double* start, double* end, AccDecDate*
     const long ticks = TickCount(paths[0].profile_.ttotal_);
     if (ticks < 0) return -1;
 
-    if (BeginMotion() < 0) return -1;
-    tql::PeriodicTimer timer(PERIOD);
+    if (output.Begin() < 0) return -1;
+    output.Restart();
     for (long tick = 1; tick <= ticks; ++tick) {
-        if (TakeStopRequest()) return -1;
+        if (output.Stopped()) return -1;
         const double t = tick * PERIOD;
         for (int i = 0; i < n; ++i) {
             previous[i] = current[i];
             current[i] = paths[i].Interpolation(t);
         }
-        if (robot->SendMachinePosition(current, previous) < 0) return -1;
-        timer.Wait();
+        if (output.Send(current, previous, 0) < 0) return -1;
     }
     return 0;
 }
 
 int MoveJointPath(Robot* robot, double* start, double* end, AccDecDate* limits) {
-    return RunWithPreflight([&] { return StreamJointPath(robot, start, end, limits); });
+    return RunWithPreflight([&] {
+        ArmOutput arm(robot);
+        return arm.Finish(StreamJointPath(robot, start, end, limits, arm));
+    });
 }
 
 int MoveToSpecifiedPosition(double* target) {
@@ -307,7 +310,7 @@ int MoveLinearPath(Robot* robot, double* start_joints, double* end_joints, AccDe
     if (CartesianScalingWanted()) FitLinearMoveToJointLimits(robot, start_joints, end_joints, &line, &turn);
     return RunWithPreflight([&] {
         ArmOutput arm(robot);
-        return StreamLinearPath(robot, start_joints, end_joints, &line, &turn, arm);
+        return arm.Finish(StreamLinearPath(robot, start_joints, end_joints, &line, &turn, arm));
     });
 }
 
@@ -340,7 +343,7 @@ int MoveCircularPath(Robot* robot, double* start_joints, double* mid_joints, dou
         FitCircularMoveToJointLimits(robot, start_joints, mid_joints, end_joints, &line, &turn);
     return RunWithPreflight([&] {
         ArmOutput arm(robot);
-        return StreamCircularPath(robot, start_joints, mid_joints, end_joints, &line, &turn, arm);
+        return arm.Finish(StreamCircularPath(robot, start_joints, mid_joints, end_joints, &line, &turn, arm));
     });
 }
 
@@ -354,15 +357,15 @@ AccDecDate SlowedDown(const AccDecDate& limits, double k) {
     return out;
 }
 
-JointLimitMeter::JointLimitMeter(Robot* robot) {
+JointLimitMeter::JointLimitMeter(Robot* robot, double period) {
     n_ = robot->GetRobotJointNum();
     if (n_ < 0) n_ = 0;
     if (n_ > kMaxJointNum) n_ = kMaxJointNum;
     for (int i = 0; i < n_; ++i) {
         const AccDecDate& limit = robot->link_[i].joint_speed_data_;
-        speed_[i] = limit.speed * PERIOD;
-        acceleration_[i] = limit.acceleration * PERIOD * PERIOD;
-        jerk_[i] = limit.jerk * PERIOD * PERIOD * PERIOD;
+        speed_[i] = limit.speed * period;
+        acceleration_[i] = limit.acceleration * period * period;
+        jerk_[i] = limit.jerk * period * period * period;
         usable_ = usable_ && speed_[i] > 0.0 && acceleration_[i] > 0.0 && jerk_[i] > 0.0 &&
                   std::isfinite(speed_[i] + acceleration_[i] + jerk_[i]);
     }
@@ -389,16 +392,84 @@ double JointLimitMeter::Step(const double* increment) {
     return std::fmax(speed, std::fmax(std::sqrt(acceleration), std::cbrt(jerk)));
 }
 
-int ArmOutput::Begin() { return BeginMotion(); }
+ArmOutput::ArmOutput(Robot* robot, double period, bool joint_samples)
+    : robot_(robot), timer_(period), joint_samples_(joint_samples),
+      brake_(robot, period, BrakingWanted() && !tql::InPreflight()) {}
 
-bool ArmOutput::Stopped() { return TakeStopRequest(); }
+int ArmOutput::Begin() {
+    if (brake_.Collecting()) return BrakeNow(false);  // a new motion: the stream rests here
+    if (stopped_) return -1;
+    return BeginMotion();
+}
+
+bool ArmOutput::Stopped() {
+    if (stopped_) return true;
+    if (brake_.Collecting() || !TakeStopRequest()) return false;
+    if (brake_.Start()) return false;  // the stream goes on as the brake's look-ahead
+    stopped_ = true;
+    return true;
+}
+
+int ArmOutput::Send(double* command, double* previous, int move) {
+    // A move that follows another without a blend starts from rest.
+    const bool from_rest = last_move_ >= 0 && move != last_move_;
+    last_move_ = move;
+    if (from_rest && brake_.Collecting()) return BrakeNow(false);
+    return Pass(command, previous);
+}
+
+int ArmOutput::Pass(double* command, double* previous) {
+    if (!brake_.Collecting()) return SendOne(command, previous);
+    if (!brake_.Feed(command)) return 0;
+    return SendBrake();
+}
+
+int ArmOutput::SendOne(double* command, double* previous) {
+    const int sent = joint_samples_ ? robot_->SendPosition(command, previous)
+                                    : robot_->SendMachinePosition(command, previous);
+    if (sent < 0) return -1;
+    brake_.Sent(command);
+    timer_.Wait();
+    return 0;
+}
+
+int ArmOutput::SendBrake() {
+    stopped_ = true;
+    braked_ = true;
+    const int n = robot_->GetRobotJointNum();
+    double previous[kMaxJointNum];
+    double command[kMaxJointNum];
+    for (int j = 0; j < n; ++j) previous[j] = brake_.Last()[j];
+    for (int k = 0; k < brake_.Count(); ++k) {
+        for (int j = 0; j < n; ++j) command[j] = brake_.SetPoint(k)[j];
+        if (SendOne(command, previous) < 0) return -1;
+        for (int j = 0; j < n; ++j) previous[j] = command[j];
+    }
+    return 0;
+}
+
+int ArmOutput::BrakeNow(bool failed) {
+    brake_.Finish(failed);
+    SendBrake();
+    return -1;
+}
 
 int ArmOutput::Rest(long periods) {
+    if (brake_.Collecting()) return BrakeNow(false);
     for (long t = periods; t > 0; --t) {
-        if (TakeStopRequest()) return -1;
+        // At rest: a stop ends the wait where the arm stands.
+        if (stopped_ || TakeStopRequest()) {
+            stopped_ = true;
+            return -1;
+        }
         timer_.Wait();
     }
     return 0;
+}
+
+int ArmOutput::Finish(int result) {
+    if (brake_.Collecting()) BrakeNow(result < 0);
+    return stopped_ ? -1 : result;
 }
 
 JointLimitProbe::JointLimitProbe(Robot* robot, int moves)

@@ -22,6 +22,7 @@
 #include <memory>
 #include <string>
 
+#include "braking.h"
 #include "mechnical_unit.h"
 #include "speed_profile.h"
 #include "timing.h"
@@ -167,7 +168,8 @@ AccDecDate SlowedDown(const AccDecDate& limits, double k);
 class JointLimitMeter {
 public:
     JointLimitMeter() = default;
-    explicit JointLimitMeter(Robot* robot);
+    // Differences `period` seconds apart (the control period by default).
+    explicit JointLimitMeter(Robot* robot, double period = PERIOD);
     void Reset();
     // The slow-down the differences ending with this increment need: over the
     // joints, the largest of the speed ratio, the square root of the
@@ -178,17 +180,17 @@ public:
 private:
     int n_ = 0;
     bool usable_ = true;                      // every limit finite and positive
-    double speed_[kMaxJointNum] = {};         // joint limit x PERIOD
-    double acceleration_[kMaxJointNum] = {};  // joint limit x PERIOD^2
-    double jerk_[kMaxJointNum] = {};          // joint limit x PERIOD^3
+    double speed_[kMaxJointNum] = {};         // joint limit x period
+    double acceleration_[kMaxJointNum] = {};  // joint limit x period^2
+    double jerk_[kMaxJointNum] = {};          // joint limit x period^3
     double last_[kMaxJointNum] = {};          // the previous increment
     double before_[kMaxJointNum] = {};        // the one before it
 };
 
-// Where a stream's set-points go. The motion loops (linear, circular and
-// program runs) are written once over an output:
+// Where a stream's set-points go. The motion loops (joint, linear, circular
+// and program runs, replays, the excitation) are written once over an output:
 //   Begin()    the motion's start (BeginMotion); Restart() starts the schedule
-//   Stopped()  a stop request ends the stream
+//   Stopped()  the stream ends here (a stop request, its brake done)
 //   Send(command, previous, move)  one set-point of move `move` (index in the
 //              run) after `previous`
 //   Blend(command, previous, a, tail, tail_old, b, head, head_old)  one
@@ -196,27 +198,52 @@ private:
 //              head_old -> head
 //   Rest(periods)  the arm held for a TIMER wait
 // ArmOutput checks and sends each set-point, then waits for the next period.
+// A stop request with braking wanted (row 9) brakes the stream: from the
+// request on, the stream's next set-points are taken as a look-ahead (not
+// sent), the brake is planned and checked over them (StreamBrake) and sent,
+// and only then does Stopped() end the stream. Finish(result) ends every
+// stream to the arm: it completes a brake the stream's own end cut short, and
+// turns the result into -1 when a stop was taken.
 class ArmOutput {
 public:
     static constexpr bool kToArm = true;  // reports internal faults, switches outputs
-    explicit ArmOutput(Robot* robot) : robot_(robot), timer_(PERIOD) {}
+    // period: the stream's period (s); joint_samples: a replay's or the
+    // excitation's samples (Robot::SendPosition) rather than a move's
+    // set-points (Robot::SendMachinePosition).
+    explicit ArmOutput(Robot* robot, double period = PERIOD, bool joint_samples = false);
     int Begin();
     void Restart() { timer_.Restart(); }
     bool Stopped();
-    int Send(double* command, double* previous, int) {
-        if (robot_->SendMachinePosition(command, previous) < 0) return -1;
-        timer_.Wait();
-        return 0;
-    }
-    int Blend(double* command, double* previous, int, const double*, const double*, int, const double*,
+    int Send(double* command, double* previous, int move);
+    int Blend(double* command, double* previous, int, const double*, const double*, int head_move, const double*,
               const double*) {
-        return Send(command, previous, 0);
+        last_move_ = head_move;
+        return Pass(command, previous);
     }
     int Rest(long periods);
+    int Finish(int result);
+    // True while a brake takes the stream's set-points as its look-ahead
+    // (nothing reaches the arm; per-period work waits).
+    bool LookingAhead() const { return brake_.Collecting(); }
+    // The last brake's stretch (0: ran on to the stream's rest; -1: none).
+    double BrakeStretch() const { return braked_ ? brake_.Stretch() : -1.0; }
 
 private:
+    // A set-point of the stream: sent, or taken into the brake's look-ahead.
+    int Pass(double* command, double* previous);
+    int SendOne(double* command, double* previous);
+    // The stream rests (or failed) where the look-ahead ends: brake on what
+    // was taken. -1 always (the stream is stopped), or -1 after a fault.
+    int BrakeNow(bool failed);
+    int SendBrake();
+
     Robot* robot_;
     tql::PeriodicTimer timer_;
+    bool joint_samples_;
+    StreamBrake brake_;
+    int last_move_ = -1;    // of the last set-point (a blend's: the starting move)
+    bool stopped_ = false;  // the stream ends at the next Stopped()
+    bool braked_ = false;
 };
 
 // The scaling pass's output: sends nothing, never waits, and measures the

@@ -279,6 +279,9 @@ int RunActions(const ProgramActions& actions, int* line, tql::PeriodicTimer* tim
 // The same on a run's output: the waits are rest periods of its stream.
 template <typename Output>
 int RunActions(const ProgramActions& actions, int* line, Output& output) {
+    // The arm rests at every action: a brake looking ahead ends here, before
+    // any output it would never reach is switched.
+    if (actions.count > 0 && output.Rest(0) < 0) return -1;
     for (int k = 0; k < actions.count; ++k) {
         *line = actions.line[k];
         if (actions.output[k] < 0) {
@@ -346,7 +349,7 @@ int MovePathList(Robot* robot, InterpolationData* table, int count) {
     });
     return RunProgramWithPreflight([&](int* line) {
         ArmOutput arm(robot);
-        return StreamPathList(robot, table, count, line, arm);
+        return arm.Finish(StreamPathList(robot, table, count, line, arm));
     });
 }
 
@@ -356,7 +359,7 @@ int MovePathListSmooth(Robot* robot, InterpolationData* table, int count) {
     });
     return RunProgramWithPreflight([&](int* line) {
         ArmOutput arm(robot);
-        return StreamPathListSmooth(robot, table, count, line, arm);
+        return arm.Finish(StreamPathListSmooth(robot, table, count, line, arm));
     });
 }
 

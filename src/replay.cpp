@@ -162,18 +162,23 @@ int MoveTrajectoryOnce(Robot* robot, double* samples, int rows) {
     if (PreflightWanted() && PreflightJointSamples(robot, samples, rows, wait_ms * 1e-3) < 0) return -1;
     if (MoveToSpecifiedPosition(samples) < 0) return -1;
 
-    if (BeginMotion() < 0) return -1;
+    // The sample clock is what a stop brakes.
+    ArmOutput arm(robot, wait_ms * 1e-3, true);
+    if (arm.Begin() < 0) return -1;
     const bool collision = GetResourceDate()->collision_switch;
     if (collision) InitC();
-    tql::PeriodicTimer timer(wait_ms * 1e-3);
-    for (int k = 1; k < rows; ++k) {
-        if (TakeStopRequest()) return -1;
-        if (collision) robot->RequestCVPValue();
+    arm.Restart();
+    int result = 0;
+    for (int k = 1; k < rows && result == 0; ++k) {
+        if (arm.Stopped()) {
+            result = -1;
+            break;
+        }
+        if (collision && !arm.LookingAhead()) robot->RequestCVPValue();
         double* sample = samples + static_cast<size_t>(k) * n;
-        if (robot->SendPosition(sample, sample - n) < 0) return -1;
-        timer.Wait();
+        result = arm.Send(sample, sample - n, 0);
     }
-    return 0;
+    return arm.Finish(result);
 }
 
 int MoveTrajectory(Robot* robot, std::string file_name, bool cyclic) {

@@ -519,3 +519,103 @@ void SpeedProfile::print_profile() {
     std::cout << "profile vmax = " << phase_end_[2][kPhaseSpeed] * 180.0 / 3.1415926
               << "  Command vmax = " << vmax_ * 180.0 / 3.1415926 << std::endl;
 }
+
+// ---------------------------------------------------------------- StopProfile
+
+namespace {
+
+// State (speed, acceleration, position) after time t of constant jerk j from
+// (v, a, x).
+void Advance(const double* from, double j, double t, double* to) {
+    const double v = from[0], a = from[1], x = from[2];
+    to[0] = v + a * t + 0.5 * j * t * t;
+    to[1] = a + j * t;
+    to[2] = x + v * t + 0.5 * a * t * t + j * t * t * t / 6.0;
+}
+
+}  // namespace
+
+int StopProfile::Plan(double v0, double a0, double deceleration, double jerk) {
+    *this = StopProfile();
+    start_[1] = std::isfinite(a0) ? a0 : 0.0;
+    start_[0] = std::isfinite(v0) ? v0 : 0.0;
+    for (auto& e : end_) {
+        e[0] = 0.0;
+        e[1] = 0.0;
+        e[2] = 0.0;
+    }
+    if (!std::isfinite(v0 + a0 + deceleration + jerk) || v0 < 0.0 || deceleration < 0.0 || jerk < 0.0) return -1;
+    if (v0 == 0.0 && a0 == 0.0) return 0;
+    if (deceleration == 0.0 || jerk == 0.0) return -1;
+    // Speed lost by bringing the acceleration from a0 to -p and back to 0 at
+    // the jerk limit, holding -p for h: v0 + (a0^2 - p^2) / (2 jerk) - p h -
+    // p^2 / (2 jerk) when a0 >= -p.
+    double p = deceleration;
+    double hold = 0.0;
+    double last_jerk = jerk;
+    if (a0 >= -p) {
+        hold = (v0 + a0 * a0 / (2.0 * jerk) - p * p / jerk) / p;
+        if (hold < 0.0) {
+            // The speed runs out before the limit is reached: a lower peak.
+            hold = 0.0;
+            p = std::sqrt(jerk * v0 + 0.5 * a0 * a0);
+            if (p < -a0) {
+                // Already decelerating too hard to return to 0 within the
+                // jerk limit: return at once with the jerk that meets rest.
+                p = -a0;
+                last_jerk = v0 > 0.0 ? a0 * a0 / (2.0 * v0) : HUGE_VAL;
+            }
+        }
+    } else {
+        // Decelerating beyond the limit: back to -p at +jerk, then as above.
+        const double t1 = (-a0 - p) / jerk;
+        const double v1 = v0 + a0 * t1 + 0.5 * jerk * t1 * t1;
+        hold = (v1 - p * p / (2.0 * jerk)) / p;
+        if (hold < 0.0) {
+            // v0 < a0^2 / (2 jerk): whatever the peak, rest comes too early
+            // at the jerk limit; return from a0 at once with the jerk that
+            // meets it.
+            hold = 0.0;
+            p = -a0;
+            last_jerk = v0 > 0.0 ? a0 * a0 / (2.0 * v0) : HUGE_VAL;
+        }
+    }
+    if (!std::isfinite(last_jerk)) return 0;  // at rest already (v0 = 0, a0 < 0): stop here
+    peak_ = p;
+    const double change = -p - start_[1];
+    t_[0] = std::fabs(change) / jerk;
+    jerk_[0] = change < 0.0 ? -jerk : jerk;
+    t_[1] = hold;
+    jerk_[1] = 0.0;
+    t_[2] = p / last_jerk;
+    jerk_[2] = last_jerk;
+    const double* from = start_;
+    for (int k = 0; k < 3; ++k) {
+        Advance(from, jerk_[k], t_[k], end_[k]);
+        from = end_[k];
+    }
+    // Rounding leaves a speed of the order of 1e-16 times v0: the stop ends
+    // at rest by definition.
+    end_[2][0] = 0.0;
+    end_[2][1] = 0.0;
+    return 0;
+}
+
+void StopProfile::At(double t, double* position, double* speed, double* acceleration) const {
+    const double* from = start_;
+    double state[3] = {start_[0], start_[1], start_[2]};
+    if (!(t > 0.0)) t = 0.0;
+    for (int k = 0; k < 3; ++k) {
+        if (t <= t_[k]) {
+            Advance(from, jerk_[k], t, state);
+            break;
+        }
+        t -= t_[k];
+        from = end_[k];
+        for (int i = 0; i < 3; ++i) state[i] = end_[k][i];
+    }
+    if (state[0] < 0.0) state[0] = 0.0;
+    if (position != nullptr) *position = state[2];
+    if (speed != nullptr) *speed = state[0];
+    if (acceleration != nullptr) *acceleration = state[1];
+}

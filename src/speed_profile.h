@@ -96,6 +96,37 @@ struct SpeedProfile {
     void print_profile();
 };
 
+// A jerk-limited stop: from speed v0 >= 0 and acceleration a0 to rest, never
+// reversing. Three phases: the acceleration goes from a0 to -peak at jerk
+// -jerk (or +jerk when a0 is below -peak), holds -peak, and returns to 0 at
+// +jerk, ending at speed 0 exactly. peak is the deceleration limit, or less
+// when the speed runs out first. When even returning the present deceleration
+// to 0 at once would pass through zero speed (v0 < a0^2 / (2 jerk)), the last
+// phase takes the jerk that ends exactly at rest (raised_jerk_ > jerk).
+// Times in s; speed, acceleration and jerk in the units of the distance.
+class StopProfile {
+public:
+    // 0, or -1 when an input is not finite, v0 or a limit is negative, or a
+    // limit is zero while there is speed to lose (the profile is then empty).
+    int Plan(double v0, double a0, double deceleration, double jerk);
+    double Duration() const { return t_[0] + t_[1] + t_[2]; }
+    // Distance covered until rest.
+    double Distance() const { return end_[2][2]; }
+    // Position (from the start), speed and acceleration at time t; held at
+    // rest after Duration().
+    void At(double t, double* position, double* speed, double* acceleration) const;
+    // Jerk of the last phase (above the limit only in the raised case).
+    double LastJerk() const { return jerk_[2]; }
+    double Peak() const { return peak_; }
+
+private:
+    double t_[3] = {};        // phase durations
+    double jerk_[3] = {};     // signed jerk of each phase
+    double start_[3] = {};    // speed, acceleration, position at the start
+    double end_[3][3] = {};   // the same at the end of each phase
+    double peak_ = 0.0;       // held deceleration (positive)
+};
+
 // Jerk that covers `distance` from rest to rest in the seven durations `times`.
 double recalculate_profile1(double distance, double* times);
 

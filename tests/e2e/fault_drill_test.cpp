@@ -53,6 +53,9 @@ TEST(FaultDrill, EachFaultEndsTheJobWithItsMessageAndNothingAfterIt) {
     };
     for (const auto& d : drills) {
         ScratchDir dir(false);
+        // The dead stop: nothing after the fault or the Ctrl-C (braking is
+        // the stop tests' own).
+        ASSERT_TRUE(tqltest::ExecSql(dir.File("parameter.db"), "UPDATE system_parameters SET VALUE='OFF' WHERE ID=9;"));
         tqltest::EnvList env = d.env;
         env.push_back({"TQL_SIM_RECORD", dir.File("rec.csv")});
         const HostRun run = tqltest::RunHost(dir.path(), {d.mode}, "1\nCYCLE\nNO\n", env);

@@ -87,9 +87,11 @@ TEST_F(JointMoves, AllJointsStartAndFinishOnTheSameTick) {
     EXPECT_LT(PeakSpeed(start, 1), 0.2 * limits_[1].speed);
 }
 
-// A stop request from another thread or by Ctrl-C, or a refused set-point,
-// ends the move before the next set-point; the arm holds the last one sent.
+// With braking off (row 9), a stop request from another thread or by Ctrl-C,
+// or a refused set-point, ends the move before the next set-point; the arm
+// holds the last one sent.
 TEST_F(JointMoves, StopsAndRefusalsEndTheMove) {
+    GetResourceDate()->braking_switch = false;
     const Joints start = CurrentJoints();
     Joints target = start;
     target[2] += 40 * kDeg;

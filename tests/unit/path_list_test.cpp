@@ -192,9 +192,11 @@ TEST_F(Runners, EmptyTableSucceedsAndUnpreparableMovesAreRefusedBeforeMotion) {
     FreshRun(&MovePathListSmooth, {}, {kApproach, "MOVC V=100 z5 -20,20,60,10,-90,0,-40,20,60,10,-90,0"});
 }
 
-// A stop from another thread ends the run before the next command; a stop
-// during the pause between two continuous cycles is not lost either.
+// With braking off, a stop from another thread ends the run before the next
+// command; a stop during the pause between two continuous cycles is not lost
+// either.
 TEST_F(Runners, StopEndsPlainBlendedAndContinuousRuns) {
+    GetResourceDate()->braking_switch = false;
     for (Runner runner : {&MovePathList, &MovePathListSmooth}) {
         ASSERT_EQ(Load(kTwoJointMoves), 2);
         tick_spy.stop_at = 60;
