@@ -34,6 +34,8 @@ public:
         Ratio("InverserDynamicsUr is", "BM_KdlRne", "BM_InverserDynamicsUr", "times faster than KDL ChainIdSolver_RNE");
         ShareOfPeriod("one linear-move tick", "BM_LinearMoveTick");
         ShareOfPeriod("one collision-observer step", "BM_CollisionDetection");
+        ShareOfPeriod("the stop planner (look-ahead given)", "BM_StopPlannerLinearMove");
+        ShareOfPeriod("the scaling pass of a straight line", "BM_ScalingPassLinearMove");
         auto pre = ns_.find("BM_PreflightLinearMove");
         auto motion = motion_ns_.find("BM_PreflightLinearMove");
         if (pre != ns_.end() && motion != motion_ns_.end() && motion->second > 0)

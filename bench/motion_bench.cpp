@@ -12,6 +12,11 @@
 //   BM_ScalingPassLinearMove  the scaling pass (system row 8) of the demo
 //                         program's first straight line, which it slows down:
 //                         every pass computes the whole stream's set-points
+//   BM_StopPlannerLinearMove  a braking stop (system row 9) asked for at full
+//                         speed in the middle of the benchmarked linear move:
+//                         from the request to the brake's set-points, planned
+//                         and measured whole (the stream's own look-ahead
+//                         set-points given, as the move computes them anyway)
 //
 // The tick has to fit comfortably in the 4 ms period; the goal is under 1 %
 // of it (40 us) on the target board.
@@ -19,6 +24,9 @@
 
 #include <cmath>
 
+#include <vector>
+
+#include "braking.h"
 #include "interpolation.h"
 #include "timing.h"
 #include "mechnical_unit.h"
@@ -196,5 +204,62 @@ void BM_ScalingPassLinearMove(benchmark::State& state) {
     state.counters["motion_ns"] = path.tall_ * 1e9;
 }
 BENCHMARK(BM_ScalingPassLinearMove)->Unit(benchmark::kMicrosecond);
+
+// The benchmarked linear move's set-points, stopped half-way: the brake
+// starts from three set-points sent and takes the stream's next ones as its
+// look-ahead until it is planned. Counters: the look-ahead it needed and the
+// brake's periods.
+void BM_StopPlannerLinearMove(benchmark::State& state) {
+    Robot robot;
+    SetUpDemoRobot(&robot);
+    double start[6], end[6];
+    LinearMoveEnds(start, end);
+    LinearPath path;
+    AccDecDate line = robot.line_speed_data_;
+    AccDecDate rotate = robot.rotate_speed_data_;
+    if (MoveLinearPreprocess(&robot, start, end, &path, &line, &rotate) < 0) {
+        state.SkipWithError("planning failed");
+        return;
+    }
+    const long ticks = std::lround(path.tall_ / PERIOD);
+    std::vector<double> stream(static_cast<size_t>(ticks + 1) * 6);
+    double q[6];
+    for (int i = 0; i < 6; ++i) q[i] = start[i];
+    for (long k = 0; k <= ticks; ++k) {
+        double pose[7];
+        path.Interpolation(k * PERIOD, pose);
+        if (k > 0 && robot.InverseKinematics(q, pose) < 0) {
+            state.SkipWithError("inverse kinematics failed");
+            return;
+        }
+        for (int i = 0; i < 6; ++i) stream[static_cast<size_t>(k) * 6 + i] = q[i];
+    }
+    const long request = ticks / 2;
+    long fed = 0;
+    int periods = 0;
+    StreamBrake brake(&robot, PERIOD, true);
+    for (auto _ : state) {
+        for (long k = request - 2; k <= request; ++k) brake.Sent(&stream[static_cast<size_t>(k) * 6]);
+        if (!brake.Start()) {
+            state.SkipWithError("nothing to brake");
+            return;
+        }
+        fed = 0;
+        for (long k = request + 1; k <= ticks; ++k) {
+            ++fed;
+            if (brake.Feed(&stream[static_cast<size_t>(k) * 6])) break;
+        }
+        if (brake.Collecting()) brake.Finish(false);
+        periods = brake.Count();
+        benchmark::DoNotOptimize(periods);
+    }
+    if (!(brake.Need() <= 1.0) || brake.Stretch() == 0.0) {
+        state.SkipWithError("the brake is not within the joints' limits, or ran on");
+        return;
+    }
+    state.counters["look_ahead"] = static_cast<double>(fed);
+    state.counters["brake_periods"] = periods;
+}
+BENCHMARK(BM_StopPlannerLinearMove)->Unit(benchmark::kMicrosecond);
 
 }  // namespace
