@@ -56,7 +56,7 @@ set(CPACK_DEBIAN_DEV_DESCRIPTION
 
 set(CPACK_DEBIAN_SIM_PACKAGE_NAME tql-sim)
 set(CPACK_DEBIAN_SIM_PACKAGE_PROVIDES libactuatorcontroller)
-set(CPACK_DEBIAN_SIM_PACKAGE_DEPENDS "${_tql_cxx}, liborocos-kdl1.5, liburdfdom-model3.0, libconsole-bridge1.0")
+set(CPACK_DEBIAN_SIM_PACKAGE_DEPENDS "${_tql_cxx}, libsqlite3-0, liborocos-kdl1.5, liburdfdom-model3.0, libconsole-bridge1.0")
 set(CPACK_DEBIAN_SIM_DESCRIPTION
   "Orvalt Manipulator Controller: simulated actuator bus\nlibActuatorController.so for a PC: six simulated smart actuators driving a\nURDF arm with gravity, inertia and friction, with a flight recorder and\nfault injection. On the robot, the actuator maker's library takes its place.")
 

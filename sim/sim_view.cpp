@@ -13,11 +13,13 @@
 #include <poll.h>
 #include <pthread.h>
 #include <signal.h>
+#include <sqlite3.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
+#include <cctype>
 #include <cerrno>
 #include <chrono>
 #include <cmath>
@@ -25,6 +27,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
+#include <map>
 #include <mutex>
 #include <sstream>
 #include <system_error>
@@ -75,6 +78,7 @@ struct Server {
     int port = 0;
     std::string root;       // directory of the page's files
     std::string urdf_path;  // absolute, empty: no world
+    std::string database;   // the controller's parameter.db in the bus's directory
     std::atomic<bool> stop{false};
     std::thread thread;
 };
@@ -190,6 +194,7 @@ struct Snapshot {
     std::vector<ActuatorView> actuators;
     bool has_residual = false;
     double residual[kResidualJoints] = {};
+    std::map<int, int> digital_outputs;  // output number -> 1 on, 0 off
 };
 
 // Copies the bus state; false when stopping before the mutex came free.
@@ -204,6 +209,7 @@ bool TakeSnapshot(const Server& s, Snapshot* snap) {
     }
     snap->virtual_clock = bus.config.virtual_clock;
     snap->physics = bus.physics.world.loaded();
+    snap->digital_outputs = bus.digital_outputs;
     for (const SimActuator& a : bus.actuators) {
         ActuatorView v;
         v.id = a.id;
@@ -275,6 +281,13 @@ std::string StateJson(const Snapshot& snap, double now) {
         const bool near = limited && (v.angle - lower < kNearLimit || upper - v.angle < kNearLimit);
         j += near ? ",\"near_limit\":true}" : ",\"near_limit\":false}";
     }
+    j += "],\"digital_outputs\":[";
+    for (const auto& [output, on] : snap.digital_outputs) {
+        char item[64];
+        std::snprintf(item, sizeof item, "%s{\"output\":%d,\"on\":%s}", j.back() == '[' ? "" : ",", output,
+                      on != 0 ? "true" : "false");
+        j += item;
+    }
     j += "]";
     if (snap.has_residual) {
         j += ",\"collision_residual\":[";
@@ -288,6 +301,73 @@ std::string StateJson(const Snapshot& snap, double now) {
     return j;
 }
 
+// The VALUE of the row of `sql` (one text column), "" when there is none.
+std::string Value(sqlite3* db, const std::string& sql) {
+    sqlite3_stmt* statement = nullptr;
+    std::string value;
+    if (sqlite3_prepare_v2(db, sql.c_str(), -1, &statement, nullptr) == SQLITE_OK &&
+        sqlite3_step(statement) == SQLITE_ROW && sqlite3_column_text(statement, 0) != nullptr)
+        value = reinterpret_cast<const char*>(sqlite3_column_text(statement, 0));
+    sqlite3_finalize(statement);
+    return value;
+}
+
+// The numbers of a list value ("[a,b,...]"); empty unless every entry is a finite number.
+std::vector<double> Numbers(const std::string& text) {
+    std::vector<double> v;
+    const char* c = text.c_str();
+    while (*c == ' ') ++c;
+    if (*c++ != '[') return {};
+    for (;;) {
+        char* end = nullptr;
+        const double x = std::strtod(c, &end);
+        if (end == c || !std::isfinite(x)) return {};
+        v.push_back(x);
+        for (c = end; *c == ' ';) ++c;
+        if (*c == ']') return v;
+        if (*c++ != ',') return {};
+    }
+}
+
+// The Cartesian workspace of the robot type's table (rows 15 and 16, read as
+// the controller reads them, each left out where the controller would refuse
+// it): {"box_mm":[xmin,xmax,ymin,ymax,zmin,zmax] or null, "half_spaces":
+// [[nx,ny,nz,d_mm],...]}, base frame, the allowed side n . p <= d.
+std::string WorkspaceJson(const std::string& database) {
+    std::vector<double> box, planes;
+    sqlite3* db = nullptr;
+    if (sqlite3_open_v2(database.c_str(), &db, SQLITE_OPEN_READONLY, nullptr) == SQLITE_OK) {
+        sqlite3_busy_timeout(db, kTickMs);  // the controller writing its switches
+        const std::string type = Value(db, "SELECT VALUE FROM system_parameters WHERE ID = 1");
+        // The type names the table; only a plain name goes into the statement.
+        const bool plain = !type.empty() && std::all_of(type.begin(), type.end(), [](char c) {
+            return std::isalnum(static_cast<unsigned char>(c)) || c == '_';
+        });
+        if (plain) {
+            box = Numbers(Value(db, "SELECT VALUE FROM " + type + " WHERE ID = 15"));
+            planes = Numbers(Value(db, "SELECT VALUE FROM " + type + " WHERE ID = 16"));
+        }
+    }
+    sqlite3_close(db);
+    if (!(box.size() == 6 && box[0] < box[1] && box[2] < box[3] && box[4] < box[5])) box.clear();
+    planes.resize(std::min<size_t>(planes.size() / 4, 8) * 4);  // whole half-spaces, at most eight
+    for (size_t k = 0; k < planes.size(); k += 4)
+        if (planes[k] == 0.0 && planes[k + 1] == 0.0 && planes[k + 2] == 0.0) planes.clear();
+    std::string j = "{\"box_mm\":";
+    if (box.empty()) j += "null";
+    for (size_t k = 0; k < box.size(); ++k) {
+        j += k == 0 ? "[" : ",";
+        Number(j, box[k]);
+    }
+    j += box.empty() ? ",\"half_spaces\":[" : "],\"half_spaces\":[";
+    for (size_t k = 0; k < planes.size(); ++k) {
+        j += k == 0 ? "[" : k % 4 == 0 ? "],[" : ",";
+        Number(j, planes[k]);
+    }
+    j += planes.empty() ? "]}\n" : "]]}\n";
+    return j;
+}
+
 // The answer to one request (the request line's method and target).
 std::string Answer(const Server& s, const std::string& method, std::string target) {
     if (method != "GET") return Response(405, "Method Not Allowed", "text/plain; charset=utf-8", "GET only\n");
@@ -298,6 +378,7 @@ std::string Answer(const Server& s, const std::string& method, std::string targe
         if (!TakeSnapshot(s, &snap)) return "";
         return Response(200, "OK", "application/json", StateJson(snap, BusNow()));
     }
+    if (target == "/workspace") return Response(200, "OK", "application/json", WorkspaceJson(s.database));
     std::string body;
     if (target == "/arm.urdf") {
         if (s.urdf_path.empty() || !ReadWholeFile(s.urdf_path, &body)) return NotFound();
@@ -402,6 +483,7 @@ void RestartView(Bus& bus) {
     s->fd = fd;
     s->port = port;
     s->root = ViewRoot(bus.directory, bus.config.view_root);
+    s->database = InDirectory(bus.directory, "parameter.db");
     if (!bus.config.urdf_path.empty()) s->urdf_path = InDirectory(bus.directory, bus.config.urdf_path);
     // The server thread takes no signal: the operator's Ctrl-C and the bus's
     // scripted interrupts stay with the controller's threads.

@@ -1,6 +1,8 @@
 // Live view of the simulated arm: a small HTTP/1.1 server on 127.0.0.1 that
-// serves the bus state as JSON (GET /state), the world's URDF (GET /arm.urdf)
-// and the web page's bundled files (GET /, /index.html, /view.js, ...).
+// serves the bus state as JSON (GET /state, with the digital outputs), the
+// world's URDF (GET /arm.urdf), the Cartesian workspace of the controller's
+// parameter.db in the bus's directory (GET /workspace) and the web page's
+// bundled files (GET /, /index.html, /view.js, ...).
 //
 // Off unless sim.conf's "view" or TQL_SIM_VIEW names a port. The server runs
 // on its own thread, reads the bus only under the bus mutex (taken with

@@ -1,5 +1,6 @@
 // Live view of the simulated arm: builds the kinematic chain of /arm.urdf as
-// three.js objects, polls the bus's /state and turns the joints.
+// three.js objects, draws the controller's workspace (/workspace), polls the
+// bus's /state, turns the joints and lists the digital outputs.
 //
 // Frames: the scene is the URDF's base frame, z up, metres. A joint's origin
 // (xyz, rpy with R = Rz(yaw) Ry(pitch) Rx(roll)) places it in its parent link's
@@ -11,7 +12,8 @@ const POLL_MS = 50;         // ~20 states a second
 const STALE_MS = 1000;      // no state for this long: disconnected
 const MOVING = new Set(['revolute', 'continuous', 'prismatic']);
 
-const view = { state: null, frames: 0, states: 0, connected: false, joints: 0, ready: false, error: null, flange: null };
+const view = { state: null, frames: 0, states: 0, connected: false, joints: 0, ready: false, error: null, flange: null,
+  workspace: null };
 window.viewState = view;
 
 const canvas = document.getElementById('scene');
@@ -140,6 +142,31 @@ function buildArm(xml) {
   return reach;
 }
 
+// The workspace box (mm in the base frame, drawn in m) as translucent faces
+// and edges, cut to the side n . p <= d of each half-space. Sets view.workspace
+// to the box drawn (m), null without one.
+function drawWorkspace(ws) {
+  if (!ws || !ws.box_mm) return;
+  const [x0, x1, y0, y1, z0, z1] = ws.box_mm.map((v) => v / 1000);
+  // three.js keeps where normal . p + constant >= 0: normal -n/|n|, constant d/|n|.
+  const clippingPlanes = (ws.half_spaces || []).map(([nx, ny, nz, d]) => {
+    const n = new THREE.Vector3(nx, ny, nz);
+    const length = n.length();
+    return new THREE.Plane(n.negate().divideScalar(length), d / 1000 / length);
+  });
+  renderer.localClippingEnabled = clippingPlanes.length > 0;
+  const geometry = new THREE.BoxGeometry(x1 - x0, y1 - y0, z1 - z0);
+  const faces = new THREE.Mesh(geometry, new THREE.MeshBasicMaterial({
+    color: 0x2f6fae, transparent: true, opacity: 0.05, depthWrite: false, side: THREE.DoubleSide, clippingPlanes }));
+  const edges = new THREE.LineSegments(new THREE.EdgesGeometry(geometry), new THREE.LineBasicMaterial({
+    color: 0x2f6fae, transparent: true, opacity: 0.45, clippingPlanes }));
+  for (const o of [faces, edges]) {
+    o.position.set((x0 + x1) / 2, (y0 + y1) / 2, (z0 + z1) / 2);
+    scene.add(o);
+  }
+  view.workspace = [x0, x1, y0, y1, z0, z1];
+}
+
 function setUpStage(reach) {
   scene.add(new THREE.HemisphereLight(0xf4f7fb, 0x8a8f96, 1.6));
   const sun = new THREE.DirectionalLight(0xffffff, 1.8);
@@ -214,6 +241,12 @@ function show(state) {
   document.getElementById('time').textContent = `t = ${state.time.toFixed(2)} s`;
   document.getElementById('residual').textContent = state.collision_residual
     ? 'collision residual [N·m]: ' + state.collision_residual.map((r) => r.toFixed(2)).join(' ') : '';
+  document.getElementById('outputs').replaceChildren(...(state.digital_outputs || []).map(({ output, on }) => {
+    const item = document.createElement('span');
+    item.className = on ? 'on' : '';
+    item.textContent = `DO${output} ${on ? 'ON' : 'OFF'}`;
+    return item;
+  }));
   dirty = true;
 }
 
@@ -249,6 +282,9 @@ async function main() {
     const reply = await fetch('/arm.urdf', { cache: 'no-store' });
     if (!reply.ok) throw new Error(`arm.urdf: HTTP ${reply.status}`);
     setUpStage(buildArm(await reply.text()));
+    // The workspace is optional: without it (or its reply) the arm stands alone.
+    const ws = await fetch('/workspace', { cache: 'no-store' }).then((r) => (r.ok ? r.json() : null)).catch(() => null);
+    drawWorkspace(ws);
     view.joints = joints.length;
     view.ready = true;
   } catch (e) {

@@ -1,12 +1,15 @@
 // The simulated bus's live view server: /state against the bus's own joint
-// angles and drive-train conversion, the files it serves and refuses, a busy
-// port, and the server going away with a reset.
+// angles and drive-train conversion, the digital outputs, the workspace of
+// parameter.db, the files it serves and refuses, a busy port, and the server
+// going away with a reset.
 #include <arpa/inet.h>
 #include <netinet/in.h>
+#include <sqlite3.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <cmath>
+#include <cstdio>
 #include <cstdlib>
 #include <string>
 
@@ -109,6 +112,41 @@ TEST_F(SimView, StateReportsJointAnglesLimitsAndSetPointsAsTheBusConverts) {
     }
     EXPECT_NEAR(Field(state, 1, "setpoint_deg"), 20.0, 1e-6);
     EXPECT_EQ(state.find("collision_residual"), std::string::npos) << "no observer runs in this process";
+}
+
+TEST_F(SimView, ServesTheDigitalOutputsAndTheWorkspaceOfTheDatabase) {
+    int port = 0;
+    close(Bound(&port, false));
+    ResetWith("TQL_SIM_VIEW", std::to_string(port).c_str());
+    EXPECT_NE(Body(Get(port, "/state")).find(",\"digital_outputs\":[]"), std::string::npos);
+    tql_sim_digital_output(3, 1);
+    tql_sim_digital_output(1, 1);
+    tql_sim_digital_output(3, 0);
+    EXPECT_NE(Body(Get(port, "/state")).find(",\"digital_outputs\":[{\"output\":1,\"on\":true},"
+                                              "{\"output\":3,\"on\":false}]"),
+              std::string::npos);
+    // The demo's box (demo/parameter.sql), then the database changed under the running view.
+    const std::string box = "{\"box_mm\":[-700,700,-700,700,0,900],\"half_spaces\":";
+    const std::string none = "{\"box_mm\":null,\"half_spaces\":[]}\n";
+    const struct { const char* sql; std::string body; } cases[] = {
+        {"", box + "[]}\n"},
+        // Whole half-spaces only, as the controller counts them.
+        {"INSERT INTO GL_6L3 VALUES (16, 'planes', '[0, 0, 1, 850.5, 1,0,0,600, 9]')", box + "[[0,0,1,850.5],[1,0,0,600]]}\n"},
+        // What the controller refuses is left out: a zero normal, a box reversed in y.
+        {"UPDATE GL_6L3 SET VALUE = '[0,0,0,1]' WHERE ID = 16", box + "[]}\n"},
+        {"UPDATE GL_6L3 SET VALUE = '[-700,700,700,-700,0,900]' WHERE ID = 15", none},
+        {"UPDATE system_parameters SET VALUE = 'GL_4L3' WHERE ID = 1", none},  // a type without the rows
+    };
+    for (const auto& c : cases) {
+        sqlite3* db = nullptr;
+        ASSERT_EQ(sqlite3_open("parameter.db", &db), SQLITE_OK);
+        EXPECT_EQ(sqlite3_exec(db, c.sql, nullptr, nullptr, nullptr), SQLITE_OK) << c.sql;
+        sqlite3_close(db);
+        EXPECT_EQ(Body(Get(port, "/workspace")), c.body) << c.sql;
+    }
+    ASSERT_EQ(std::remove("parameter.db"), 0);
+    EXPECT_EQ(Body(Get(port, "/workspace")), none);
+    EXPECT_NE(access("parameter.db", F_OK), 0) << "the view never creates a database";
 }
 
 TEST_F(SimView, ServesItsFilesOnlyAndStopsWithTheBus) {

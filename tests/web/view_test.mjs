@@ -1,7 +1,8 @@
 // The live view end to end: "tql mode4" on the real clock in a copy of the demo
 // directory with the view on; the page in headless Chromium draws the booted
-// arm at home like tests/web/reference.png, follows the program once it runs,
-// and reports the bus gone when tql has exited.
+// arm at home in its workspace box like tests/web/reference.png, follows the
+// program once it runs (its joints and its digital output), and reports the
+// bus gone when tql has exited.
 //
 //   node tests/web/view_test.mjs TQL_HOST DEMO_DIR [--update]
 //
@@ -82,6 +83,8 @@ try {
   const home = await table();
   check(home.length === 6 && home.every((t) => Math.abs(Number(t)) < 0.05), `6 joints at home in the table: ${home}`);
   check(await page.evaluate(() => viewState.joints) === 6, 'six moving joints in the URDF chain');
+  const box = await page.evaluate(() => viewState.workspace);
+  check(String(box) === '-0.7,0.7,-0.7,0.7,0,0.9', `the demo's workspace box drawn in metres: ${box}`);
   const before = await page.screenshot({ type: 'png' });
   if (update) {
     fs.writeFileSync(reference + '.part', before);
@@ -101,6 +104,11 @@ try {
   check(miss < 1e-6, `the drawn flange ${drawn.map((v) => v.toFixed(4))} is the chain's (${(1e3 * miss).toFixed(4)} mm off)`);
   const moved = await pixelDifference(page, before, await page.screenshot({ type: 'png' }));
   check(moved > 0.005, `the drawing follows the move: ${(100 * moved).toFixed(2)}% of pixels changed`);
+  // The program's DOUT 1 ON, later DOUT 1 OFF, while the arm still moves.
+  for (const text of ['DO1 ON', 'DO1 OFF']) {
+    await until(`"${text}" in the panel`, async () => (await page.textContent('#outputs')) === text, 30000);
+    check(true, `the panel shows ${text}`);
+  }
 
   tql.stdin.end();
   await until('tql to exit', () => exitCode !== null, 60000);
