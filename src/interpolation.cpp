@@ -120,6 +120,11 @@ int MoveJointPreprocess(Robot* robot, double* start, double* end, JointPath* pat
 
 bool PreflightWanted() { return GetResourceDate()->preflight_switch && !tql::InPreflight(); }
 
+namespace {
+template <typename Slow, typename Simulate>
+double FitMove(Robot* robot, Slow slow, Simulate simulate);
+}  // namespace
+
 template <typename Output>
 static int StreamJointPath(Robot* robot, double* start, double* end, AccDecDate* limits, Output& output) {
     JointPath paths[kMaxJointNum];
@@ -147,9 +152,20 @@ static int StreamJointPath(Robot* robot, double* start, double* end, AccDecDate*
 }
 
 int MoveJointPath(Robot* robot, double* start, double* end, AccDecDate* limits) {
+    // The joints share the slowest one's phase durations, so a joint whose
+    // own limits are tighter can be asked for more than them: with row 8 ON
+    // the move is slowed as a Cartesian one is.
+    const int n = JointCountForMove(robot);
+    if (n < 0) return -1;
+    AccDecDate fitted[kMaxJointNum];
+    for (int i = 0; i < n; ++i) fitted[i] = limits[i];
+    if (CartesianScalingWanted())
+        FitMove(
+            robot, [&](double k) { for (int i = 0; i < n; ++i) fitted[i] = SlowedDown(limits[i], k); },
+            [&](JointLimitProbe& probe) { return StreamJointPath(robot, start, end, fitted, probe); });
     return RunWithPreflight([&] {
         ArmOutput arm(robot);
-        return arm.Finish(StreamJointPath(robot, start, end, limits, arm));
+        return arm.Finish(StreamJointPath(robot, start, end, fitted, arm));
     });
 }
 
@@ -567,12 +583,11 @@ QuietStdout::~QuietStdout() {
 
 namespace {
 
-// Slows one Cartesian move's limits until its stream, measured by
-// simulate(probe) with the limits as they stand, keeps the joints' limits.
-template <typename Simulate>
-double FitCartesianMove(Robot* robot, AccDecDate* linear, AccDecDate* rotation, Simulate simulate) {
-    const AccDecDate line = *linear;
-    const AccDecDate turn = *rotation;
+// Slows one move until its stream, measured by simulate(probe) with the
+// limits as they stand, keeps the joints' limits: slow(k) sets the move's
+// limits k times slower than programmed (k = 1: as programmed).
+template <typename Slow, typename Simulate>
+double FitMove(Robot* robot, Slow slow, Simulate simulate) {
     double k = 1.0;
     bool beyond = false;
     {
@@ -588,18 +603,29 @@ double FitCartesianMove(Robot* robot, AccDecDate* linear, AccDecDate* rotation, 
                 beyond = true;
                 break;
             }
-            *linear = SlowedDown(line, k);
-            *rotation = SlowedDown(turn, k);
+            slow(k);
             // The last pass's limits stand even if not measured again.
             if (pass == kMaxScalingPasses - 1) return k;
         }
     }
-    *linear = line;
-    *rotation = turn;
+    slow(1.0);
     if (beyond)
         std::cout << "No slow-down up to " << kMaxSlowDown
                   << " times keeps the joints within their limits; the move keeps its programmed speed." << std::endl;
     return 0.0;
+}
+
+template <typename Simulate>
+double FitCartesianMove(Robot* robot, AccDecDate* linear, AccDecDate* rotation, Simulate simulate) {
+    const AccDecDate line = *linear;
+    const AccDecDate turn = *rotation;
+    return FitMove(
+        robot,
+        [&](double k) {
+            *linear = SlowedDown(line, k);
+            *rotation = SlowedDown(turn, k);
+        },
+        simulate);
 }
 
 }  // namespace

@@ -11,6 +11,14 @@
 //     robot type's table) as built or spoiled;
 //   - the excitation of the identification run, on its coefficients (row 14)
 //     as built or spoiled.
+// A third of the motion jobs are stopped (as by Ctrl-C) after a random number
+// of set-points, and a quarter run with the pre-flight off (from a Dice stream of
+// their own, so the jobs themselves stay as they were).
+// The set-points of a motion job are measured against the database's joint
+// speed, acceleration and jerk limits (finite differences at the stream's
+// period; a replay's jerk is its file's): the cases beyond them by more than
+// 1 %, other than those made to be beyond with the pre-flight off, are
+// counted and the worst is named (a figure, not yet an invariant).
 // Invariants of a case: no set-point beyond an actuator's limits and no
 // current beyond its peak, no crash and no hang (a watchdog ends the
 // process), a result of 0 or -1 with a known refusal message, and a refused
@@ -126,6 +134,8 @@ const char* JobName(Job job) { return kJobNames[static_cast<int>(job)]; }
 // The draws of the hand-guiding and excitation cases and of the malformed
 // trajectory files (Dice stream), so the other cases stay as they were.
 constexpr unsigned kNewJobStream = 1;
+// The draws of the stops and of the pre-flight switched off.
+constexpr unsigned kStopStream = 2;
 
 struct Case {
     long index = 0;
@@ -138,6 +148,9 @@ struct Case {
     bool must_refuse = false;          // a malformed or spiked trajectory file
     double guide_seconds = 0.0;        // hand guiding: bus time the loop runs, s
     std::string row13, row14;          // VALUE of rows 13 and 14 of GL_6L3; empty: as built
+    long stop_after = -1;              // a stop asked for after this many set-points of actuator 1; -1: none
+    bool preflight_off = false;        // row 6 OFF for the job
+    bool beyond_by_design = false;     // a trajectory made faster than the joints' limits
 };
 
 // Flange pose of a joint vector in degrees (position first, mm).
@@ -261,7 +274,7 @@ private:
 // joints 1-3; a tenth a little beyond them, one in ten far faster, towards
 // the actuators' own limit), sometimes with a jump, a spike past the soft
 // limit or a slow drift past it.
-std::string WriteTrajectory(Dice& d, double override_, std::string* note) {
+std::string WriteTrajectory(Dice& d, double override_, std::string* note, bool& beyond) {
     const int period_ms = static_cast<int>(4.0 / override_);
     const int rows = d.Int(20, std::max(20, static_cast<int>(kReplaySeconds * 1000 / period_ms)));
     const double vmax = d.Chance(0.1) ? d.Uniform(250, kActuatorSpeed * 1.07) : d.Uniform(10, kJointSpeed[0] * 1.1);
@@ -269,6 +282,7 @@ std::string WriteTrajectory(Dice& d, double override_, std::string* note) {
     const int shape = d.Int(0, 99), joint = d.Int(0, 5), at = d.Int(0, rows - 1);
     const double jump = d.Sign() * d.Uniform(1.5, 20);
     const double edge = d.Sign() * (d.Chance(0.3) ? kSoftLimit : d.Uniform(kSoftLimit - 4, kSoftLimit + 4));
+    beyond = vmax > kJointSpeed[0] || amax > 180 || shape >= 80;
     *note = "rows " + std::to_string(rows) + ", vmax " + Number(vmax) + " deg/s, amax " + Number(amax) +
             " deg/s^2, " + (shape < 80 ? "smooth" : shape < 87 ? "jump" : shape < 92 ? "spike" : "drift") +
             " on joint " + std::to_string(joint + 1) + " at sample " + std::to_string(at + 1);
@@ -544,7 +558,7 @@ Case MakeCase(Dice& d, long index, const Joints& start) {
     c.job = jobs[d.Int(0, 3)];
     c.override_ = d.Uniform(0.1, 1.0);
     if (c.job == Job::kReplay) {
-        c.text = WriteTrajectory(d, c.override_, &c.note);
+        c.text = WriteTrajectory(d, c.override_, &c.note, c.beyond_by_design);
         return c;
     }
     const int moves = d.Int(1, 8);
@@ -580,6 +594,17 @@ private:
     std::string line_;
 };
 
+// The set-points of a motion job, as the arm received them: the real-time
+// position after every period of a stream (bus time, joints in rad), and the
+// stop to ask for.
+struct Tape {
+    bool on = false;
+    std::vector<double> time;
+    std::vector<Joints> q;
+    long stop_at = -1;  // actuator 1's set-point count
+};
+Tape tape;
+
 struct Outcome {
     int result = 0;
     std::string out, err;
@@ -589,7 +614,46 @@ struct Outcome {
     long sent_by_refused = 0;  // of those, sent by the refused run or step
     bool step_walk_ended = false;
     int floating = 0;          // hand guiding: an actuator left out of position mode, 0 for none
+    double worst_ratio = 0.0;  // finite differences of the set-points over the joints' limits
+    std::string worst_at;      // where
 };
+
+// The largest ratio of a set-point's finite difference (speed, acceleration,
+// and with `jerk` the jerk) to the database's joint limit, over runs of
+// equally spaced periods, the arm at rest before the first and after the last.
+double WorstRatio(const Tape& t, bool with_jerk, std::string* where) {
+    const ResourceData* rd = GetResourceDate();
+    double worst = 0.0;
+    std::vector<Joints> q;
+    // Runs of equal spacing; each starts with the set-point before it thrice.
+    size_t begin = 0;
+    while (begin + 1 < t.q.size()) {
+        const double h = t.time[begin + 1] - t.time[begin];
+        size_t end = begin + 1;
+        while (end + 1 < t.q.size() && std::fabs(t.time[end + 1] - t.time[end] - h) < 1e-7) ++end;
+        q.assign(3, t.q[begin]);
+        for (size_t k = begin + 1; k <= end; ++k) q.push_back(t.q[k]);
+        for (int r = 0; r < 3; ++r) q.push_back(q.back());
+        for (size_t k = 3; k < q.size(); ++k)
+            for (int j = 0; j < 6; ++j) {
+                const double v = (q[k][j] - q[k - 1][j]) / h;
+                const double a = (q[k][j] - 2 * q[k - 1][j] + q[k - 2][j]) / (h * h);
+                const double jerk = (q[k][j] - 3 * q[k - 1][j] + 3 * q[k - 2][j] - q[k - 3][j]) / (h * h * h);
+                const double ratios[3] = {std::fabs(v) / (rd->joint_speed[j] * kDeg),
+                                          std::fabs(a) / (rd->joint_acceleration[j] * kDeg),
+                                          std::fabs(jerk) / (rd->joint_jerk[j] * kDeg)};
+                for (int o = 0; o < (with_jerk ? 3 : 2); ++o)
+                    if (ratios[o] > worst) {
+                        worst = ratios[o];
+                        *where = std::string(o == 0 ? "speed" : o == 1 ? "acceleration" : "jerk") + " of joint " +
+                                 std::to_string(j + 1) + " at " + Number(t.time[begin + std::min(k - 3, end - begin)]) +
+                                 " s";
+                    }
+            }
+        begin = end;
+    }
+    return worst;
+}
 
 // The host of hand guiding: the monitoring loop runs on the soak's thread
 // and the library's sleeps (every motion loop's) come through SoakSleep.
@@ -605,7 +669,18 @@ struct Guide {
 };
 Guide guide;
 
+
 void SoakSleep(double seconds) {
+    if (tape.on && seconds > 0.0 && seconds < 0.1) {
+        Joints q;
+        CopyRealTimePos(q.data(), 6);
+        tape.time.push_back(tql_sim_now() + seconds);
+        tape.q.push_back(q);
+        if (tape.stop_at >= 0 && tql_sim_setpoint_count(1) >= tape.stop_at) {
+            tape.stop_at = -1;
+            std::thread([] { SetStopFlag(); }).join();
+        }
+    }
     const bool armed = guide.armed;
     if (armed && guide.from < 0 && tql_sim_actuator_mode(1) == Actuator::Mode_Cur) guide.from = tql_sim_now();
     tql_sim_sleep(seconds);
@@ -672,9 +747,20 @@ void Run(const Case& c, Outcome* o) {
     if (c.job <= Job::kStep) tqltest::WriteFile(kProgramFile, c.text);
     ScriptedAnswers answers(c.answers);
     const long before = tql_sim_setpoint_count(1);
+    if (c.preflight_off) GetResourceDate()->preflight_switch = false;
+    tape = Tape();
+    tape.on = c.job <= Job::kReplay;
+    tape.time.push_back(tql_sim_now());  // at rest where the job starts
+    tape.q.push_back(tqltest::CurrentJoints());
+    tape.stop_at = c.stop_after >= 0 ? before + c.stop_after : -1;
     testing::internal::CaptureStderr();
     o->result = tqltest::Quiet([&] { return RunJob(c, &answers); }, &o->out);
     o->err = testing::internal::GetCapturedStderr();
+    tape.on = false;
+    // A replay reproduces its file, whose jerk is the recording's own: held
+    // to the speed and acceleration limits only.
+    o->worst_ratio = WorstRatio(tape, c.job != Job::kReplay, &o->worst_at);
+    InitStopFlag();
     const long after = tql_sim_setpoint_count(1);
     o->beyond = tql_sim_beyond_limit_count();
     o->beyond_peak = tql_sim_current_beyond_peak_count();
@@ -718,11 +804,17 @@ std::string Judge(const Case& c, const Outcome& o, bool* accepted) {
     if (o.result != 0 && o.result != -1) return "result " + std::to_string(o.result);
     if (o.floating != 0)
         return "the arm left floating: actuator " + std::to_string(o.floating) + " not in position mode";
-    if (*accepted) return c.must_refuse ? "a trajectory file that must be refused was replayed" : "";
+    // A spike is refused by the pre-flight; malformed text by the reader.
+    const bool must_refuse = c.must_refuse && !(c.preflight_off && c.note.find("spike") != std::string::npos);
+    if (*accepted) return must_refuse ? "a trajectory file that must be refused was replayed" : "";
+    // A job stopped on the way ends with -1 and says nothing more.
+    if (c.stop_after >= 0 && o.result == -1 && refusal.empty()) return "";
     if (refusal.empty()) return std::to_string(o.result) + " without a known refusal message";
     // Hand guiding and the excitation move the arm before they can fail on
     // the way; only their refusals before motion must have sent nothing.
-    bool before_motion = c.job != Job::kHandGuiding && c.job != Job::kExcitation;
+    // With the pre-flight off, only what is refused before any stream (a
+    // file or a database row) must have sent nothing.
+    bool before_motion = c.job != Job::kHandGuiding && c.job != Job::kExcitation && !c.preflight_off;
     for (const char* text : kBeforeMotion) before_motion = before_motion || o.out.find(text) != std::string::npos;
     if (o.sent_by_refused != 0 && before_motion)
         return "refused after " + std::to_string(o.sent_by_refused) + " set-points of actuator 1" +
@@ -753,6 +845,8 @@ std::string Describe(unsigned long seed, const Case& c, const std::string& saved
         for (const std::string& w : c.answers) s += " " + w;
         s += "\n";
     }
+    if (c.stop_after >= 0) s += "  stopped after " + std::to_string(c.stop_after) + " set-points\n";
+    if (c.preflight_off) s += "  pre-flight off\n";
     if (c.job == Job::kReplay)
         return s + "  trajectory (" + c.note + ")" + (saved.empty() ? "" : " in " + saved) + "\n";
     if (c.job > Job::kReplay) return s + "  " + c.note + "\n";
@@ -870,6 +964,9 @@ int main(int argc, char** argv) {
     };
     long runs = 0, accepted_runs = 0, refused_runs = 0, violations = 0;
     long beyond_limits = 0, beyond_peak = 0;  // over all cases
+    long beyond_joint_limits = 0;             // cases beyond the joints' limits by finite differences
+    double worst_ratio = 0.0;
+    std::string worst_case;
     const long first = opt.only_case >= 0 ? opt.only_case : 0;
     const long last = opt.only_case >= 0 ? opt.only_case + 1 : opt.runs;
     for (long k = first; k < last; ++k, ++runs) {
@@ -886,6 +983,9 @@ int main(int argc, char** argv) {
             if (c.job == Job::kReplay && fresh.Chance(0.5)) Malform(fresh, &c);
             return 0;
         });
+        Dice stops(opt.seed, k, kStopStream);
+        if (c.job <= Job::kReplay && stops.Chance(1.0 / 3)) c.stop_after = stops.Int(1, 1500);
+        c.preflight_off = stops.Chance(0.25);
         watch(head + Describe(opt.seed, c, ""));
         Outcome o;
         bool accepted = false;
@@ -897,6 +997,11 @@ int main(int argc, char** argv) {
         if (boot.empty() || refused_at_boot) why = Judge(c, o, &accepted);
         if (!rows_written) why = "cannot write the case's rows into parameter.db";
         deadline = 0;
+        if (o.worst_ratio > 1.01 && !(c.preflight_off && c.beyond_by_design)) {
+            ++beyond_joint_limits;
+            if (o.worst_ratio > worst_ratio)
+                worst_ratio = o.worst_ratio, worst_case = "case " + std::to_string(k) + ", the " + o.worst_at;
+        }
         beyond_limits += o.beyond - o.beyond_peak;
         beyond_peak += o.beyond_peak;
         if (!why.empty()) ++violations, ReportViolation(opt.seed, c, o, why, launch_dir);
@@ -914,5 +1019,7 @@ int main(int argc, char** argv) {
                 refused_runs, violations);
     std::printf("soak: %ld set-points beyond the actuators' limits, %ld currents beyond their peak\n", beyond_limits,
                 beyond_peak);
+    std::printf("soak: %ld cases beyond the joints' limits by finite differences%s\n", beyond_joint_limits,
+                worst_case.empty() ? "" : (", worst " + Number(worst_ratio) + " times in " + worst_case).c_str());
     return violations > 0 ? 1 : 0;
 }
