@@ -12,7 +12,13 @@ bool BrakingWanted() { return GetResourceDate()->braking_switch; }
 
 namespace {
 
+// A stop profile's deceleration and jerk limits.
+struct Limits {
+    double deceleration, jerk;
+};
+
 constexpr double kStretchStep = 1.25;
+constexpr int kSplineMargin = 4;
 
 int JointCount(Robot* robot) {
     const int n = robot != nullptr ? robot->GetRobotJointNum() : 0;
@@ -26,17 +32,17 @@ StreamBrake::StreamBrake(Robot* robot, double period, bool armed)
     if (armed_) {
         ahead_.resize(static_cast<size_t>(kMaxLookAhead) * n_);
         arc_.resize(static_cast<size_t>(kMaxLookAhead) + 1);
+        second_.resize(static_cast<size_t>(kMaxLookAhead + kHistory + 1) * n_);
+        scratch_.resize(static_cast<size_t>(kMaxLookAhead + kHistory + 1));
         out_.resize(static_cast<size_t>(kMaxLookAhead) * n_);
     }
 }
 
 void StreamBrake::Sent(const double* q) {
-    for (int i = 0; i < n_; ++i) {
-        history_[2][i] = history_[1][i];
-        history_[1][i] = history_[0][i];
-        history_[0][i] = q[i];
-    }
-    if (history_count_ < 3) ++history_count_;
+    for (int back = kHistory - 1; back > 0; --back)
+        for (int i = 0; i < n_; ++i) history_[back][i] = history_[back - 1][i];
+    for (int i = 0; i < n_; ++i) history_[0][i] = q[i];
+    if (history_count_ < kHistory) ++history_count_;
 }
 
 bool StreamBrake::Start() {
@@ -48,7 +54,7 @@ bool StreamBrake::Start() {
     fed_ = 0;
     rest_ = -1;
     try_ = 0;
-    wanted_ = 2;  // the path's tangent at the brake's start needs two set-points ahead
+    wanted_ = kSplineMargin + 1;  // the path at the brake's start, away from the spline's free end
     arc_count_ = 0;
     best_try_ = -1;
     best_need_ = HUGE_VAL;
@@ -67,39 +73,50 @@ const double* StreamBrake::Nominal(int index) const {
     return &ahead_[static_cast<size_t>(index - 1) * n_];
 }
 
-namespace {
-
-// Catmull-Rom weights of p0..p3 for position, first and second derivative
-// (per index) at fraction u of the interval p1 -> p2.
-void Weights(double u, double* w, double* d, double* dd) {
-    const double u2 = u * u, u3 = u2 * u;
-    w[0] = -0.5 * u + u2 - 0.5 * u3;
-    w[1] = 1.0 - 2.5 * u2 + 1.5 * u3;
-    w[2] = 0.5 * u + 2.0 * u2 - 1.5 * u3;
-    w[3] = -0.5 * u2 + 0.5 * u3;
-    d[0] = -0.5 + 2.0 * u - 1.5 * u2;
-    d[1] = -5.0 * u + 4.5 * u2;
-    d[2] = 0.5 + 4.0 * u - 4.5 * u2;
-    d[3] = -u + 1.5 * u2;
-    dd[0] = 2.0 - 3.0 * u;
-    dd[1] = -5.0 + 9.0 * u;
-    dd[2] = 4.0 - 9.0 * u;
-    dd[3] = -1.0 + 3.0 * u;
+void StreamBrake::Solve() {
+    first_knot_ = 1 - history_count_;
+    last_knot_ = rest_ >= 0 ? rest_ : fed_;
+    const int m = last_knot_ - first_knot_ + 1;
+    double* c = scratch_.data();
+    for (int j = 0; j < n_; ++j) {
+        double* second = &second_[static_cast<size_t>(j) * (kMaxLookAhead + kHistory + 1)];
+        for (int k = 0; k < m; ++k) second[k] = 0.0;
+        if (m < 3) continue;
+        // Natural spline on unit knot spacing: M[k-1] + 4 M[k] + M[k+1] =
+        // 6 (y[k-1] - 2 y[k] + y[k+1]), M = 0 at both ends (the Thomas
+        // algorithm; the ends' effect fades by 0.27 per knot).
+        double previous_c = 0.0, previous_d = 0.0;
+        for (int k = 1; k < m - 1; ++k) {
+            const int at = first_knot_ + k;
+            const double rhs = 6.0 * (Nominal(at - 1)[j] - 2.0 * Nominal(at)[j] + Nominal(at + 1)[j]);
+            const double denominator = 4.0 - previous_c;
+            c[k] = 1.0 / denominator;
+            second[k] = (rhs - previous_d) / denominator;
+            previous_c = c[k];
+            previous_d = second[k];
+        }
+        for (int k = m - 3; k >= 1; --k) second[k] -= c[k] * second[k + 1];
+    }
 }
 
-}  // namespace
-
 void StreamBrake::Evaluate(double tau, double* q, double* tangent, double* curvature) const {
-    const double whole = std::floor(tau);
-    const int i = static_cast<int>(whole);
-    double w[4], d[4], dd[4];
-    Weights(tau - whole, w, d, dd);
-    const double* p[4] = {Nominal(i - 1), Nominal(i), Nominal(i + 1), Nominal(i + 2)};
+    const int last = last_knot_;
+    if (!(tau < last)) tau = last;
+    if (tau < first_knot_) tau = first_knot_;
+    int i = static_cast<int>(std::floor(tau));
+    if (i > last - 1) i = last - 1;
+    const double u = tau - i, w = 1.0 - u;
+    const double* y0 = Nominal(i);
+    const double* y1 = Nominal(i + 1);
+    const size_t stride = static_cast<size_t>(kMaxLookAhead + kHistory + 1);
     for (int j = 0; j < n_; ++j) {
-        if (q != nullptr) q[j] = w[0] * p[0][j] + w[1] * p[1][j] + w[2] * p[2][j] + w[3] * p[3][j];
-        if (tangent != nullptr) tangent[j] = d[0] * p[0][j] + d[1] * p[1][j] + d[2] * p[2][j] + d[3] * p[3][j];
-        if (curvature != nullptr)
-            curvature[j] = dd[0] * p[0][j] + dd[1] * p[1][j] + dd[2] * p[2][j] + dd[3] * p[3][j];
+        const double* second = &second_[j * stride];
+        const double m0 = i >= first_knot_ ? second[i - first_knot_] : 0.0;
+        const double m1 = i + 1 <= last ? second[i + 1 - first_knot_] : 0.0;
+        if (q != nullptr) q[j] = w * y0[j] + u * y1[j] + ((w * w * w - w) * m0 + (u * u * u - u) * m1) / 6.0;
+        if (tangent != nullptr)
+            tangent[j] = y1[j] - y0[j] + (-(3.0 * w * w - 1.0) * m0 + (3.0 * u * u - 1.0) * m1) / 6.0;
+        if (curvature != nullptr) curvature[j] = w * m0 + u * m1;
     }
 }
 
@@ -152,7 +169,7 @@ double StreamBrake::Measure(const double* points, int count) const {
     JointLimitMeter meter(robot_, period_);
     double increment[kMaxJointNum] = {};
     // The history: the speed and acceleration the brake starts from.
-    for (int back = history_count_ - 1; back > 0; --back) {
+    for (int back = (history_count_ < 3 ? history_count_ : 3) - 1; back > 0; --back) {
         for (int j = 0; j < n_; ++j) increment[j] = history_[back - 1][j] - history_[back][j];
         meter.Step(increment);
     }
@@ -182,19 +199,19 @@ double StreamBrake::StreamNeed(int span) const {
     return need;
 }
 
-int StreamBrake::Fill(const StopProfile& stop) {
+int StreamBrake::Fill(const StopProfile& stop, bool along_arc) {
     const double ticks_real = std::ceil(stop.Duration() / period_ - 1e-9);
     if (!(ticks_real <= kMaxLookAhead)) return -1;
     const int ticks = ticks_real < 1.0 ? 1 : static_cast<int>(ticks_real);
     int hint = 0;
-    double last_index = 0.0;
+    double index = 0.0;
     for (int m = 1; m <= ticks; ++m) {
         double s = 0.0;
         stop.At(m * period_, &s, nullptr, nullptr);
-        last_index = IndexAtArc(s, &hint);
-        Evaluate(last_index, &out_[static_cast<size_t>(m - 1) * n_], nullptr, nullptr);
+        index = along_arc ? IndexAtArc(s, &hint) : s / period_;
+        Evaluate(index, &out_[static_cast<size_t>(m - 1) * n_], nullptr, nullptr);
     }
-    reach_ = last_index;
+    reach_ = index;
     return ticks;
 }
 
@@ -208,59 +225,96 @@ int StreamBrake::RunOn() {
 }
 
 int StreamBrake::Try(bool final_call) {
-    if (rest_ < 0 && fed_ < 2) {
-        if (!final_call) return 0;
-        return -1;
-    }
+    if (rest_ < 0 && fed_ <= kSplineMargin) return final_call ? -1 : 0;
     if (rest_ == 0) return RunOn();  // the stream rests where it stands
-    // The path at the brake's start (the last set-point sent): its speed,
-    // its acceleration along itself and the direction the joints share.
-    // Central differences at the last set-point sent: the acceleration the
-    // brake starts from must continue the set-points' own second
-    // differences, or their third differences (the jerk) jump at the start.
+    if (first_knot_ != 1 - history_count_ || last_knot_ != (rest_ >= 0 ? rest_ : fed_)) {
+        Solve();
+        arc_count_ = 0;  // the spline moved: its arc lengths too
+    }
+    // The path at the last set-point sent: its direction, its speed and
+    // acceleration along itself (central differences: the brake must continue
+    // the set-points' own second differences, or their third differences,
+    // the jerk, jump at its start), and each joint's speed.
     double tangent[kMaxJointNum], curvature[kMaxJointNum];
     Evaluate(0.0, nullptr, tangent, nullptr);
     for (int j = 0; j < n_; ++j) curvature[j] = Nominal(1)[j] - 2.0 * Nominal(0)[j] + Nominal(-1)[j];
     const double speed = Speed(0.0);
     if (!(speed > 0.0)) return rest_ >= 0 ? RunOn() : -1;
-    double along = 0.0, deceleration = HUGE_VAL, jerk = HUGE_VAL;
+    double along = 0.0;
+    Limits arc = {HUGE_VAL, HUGE_VAL}, clock = {HUGE_VAL, HUGE_VAL};
     for (int j = 0; j < n_; ++j) {
-        const double unit = std::fabs(tangent[j]) / speed;
         along += tangent[j] / speed * curvature[j];
-        if (!(unit > 0.0)) continue;
         const AccDecDate& limit = robot_->link_[j].joint_speed_data_;
-        deceleration = std::fmin(deceleration, limit.acceleration / unit);
-        jerk = std::fmin(jerk, limit.jerk / unit);
+        const double unit = std::fabs(tangent[j]) / speed;  // share of the path's speed
+        if (unit > 0.0) {
+            arc.deceleration = std::fmin(arc.deceleration, limit.acceleration / unit);
+            arc.jerk = std::fmin(arc.jerk, limit.jerk / unit);
+        }
+        const double joint_speed = std::fabs(Nominal(0)[j] - Nominal(-1)[j]) / period_;
+        if (joint_speed > 0.0) {
+            clock.deceleration = std::fmin(clock.deceleration, limit.acceleration / joint_speed);
+            clock.jerk = std::fmin(clock.jerk, limit.jerk / joint_speed);
+        }
     }
     // A hair inside the limits: the brake's differences land on them exactly.
-    deceleration /= 1.0 + kScalingMargin;
-    jerk /= 1.0 + kScalingMargin;
-    const double v0 = speed / period_;                 // rad/s along the path
-    const double a0 = along / (period_ * period_);     // rad/s^2 along the path
-    const int usable = rest_ >= 0 ? rest_ : fed_ - 2;  // intervals known whole
+    for (Limits* l : {&arc, &clock}) {
+        l->deceleration /= 1.0 + kScalingMargin;
+        l->jerk /= 1.0 + kScalingMargin;
+    }
+    // Never faster than from full rate to rest in one period.
+    clock.deceleration = std::fmin(clock.deceleration, 1.0 / period_);
+    clock.jerk = std::fmin(clock.jerk, 1.0 / (period_ * period_));
+    const double v0 = speed / period_;              // rad/s along the path
+    const double a0 = along / (period_ * period_);  // rad/s^2 along the path
+    // Intervals the spline's free end no longer bends (its effect fades by
+    // 0.27 per knot: 0.5 % after four).
+    const int usable = rest_ >= 0 ? rest_ : fed_ - kSplineMargin;
     ExtendArc(usable);
-    for (; try_ < kStretches; ++try_) {
-        const double stretch = std::pow(kStretchStep, try_);
+    // Tries in pairs, each pair 1.25 times longer than the one before: the
+    // path's arc length braked from its speed and acceleration (exact where
+    // the joints move in proportion), then the stream's clock braked from
+    // full rate (the stream's own accelerations only shrink: for curved paths).
+    for (; try_ < 2 * kStretches; ++try_) {
+        const bool along_arc = try_ % 2 == 0;
+        const double stretch = std::pow(kStretchStep, try_ / 2);
+        const Limits& l = along_arc ? arc : clock;
         StopProfile stop;
-        if (stop.Plan(v0, a0, deceleration / stretch, jerk / (stretch * stretch)) < 0) break;
-        const double distance = stop.Distance();
-        if (rest_ >= 0 && arc_[rest_] <= distance) return RunOn();  // the stream rests first
-        if (rest_ < 0 && arc_[arc_count_] <= distance) {
-            if (!final_call && fed_ < kMaxLookAhead) {
-                // More look-ahead: as far again as the path covers per period now.
-                const double per_index = arc_count_ > 0 ? arc_[arc_count_] / arc_count_ : speed;
-                const double more = per_index > 0.0 ? (distance - arc_[arc_count_]) / per_index : 1.0;
-                wanted_ = fed_ + 2 + static_cast<int>(std::fmin(std::ceil(more), kMaxLookAhead));
-                return 0;
+        if (stop.Plan(along_arc ? v0 : 1.0, along_arc ? a0 : 0.0, l.deceleration / stretch,
+                      l.jerk / (stretch * stretch)) < 0)
+            continue;
+        // How far along the stream the brake reaches (in set-points).
+        double reach = 0.0;
+        if (along_arc) {
+            const double distance = stop.Distance();
+            if (rest_ >= 0 && arc_[rest_] <= distance) return RunOn();  // the stream rests first
+            if (arc_[arc_count_] <= distance) {
+                if (!final_call && fed_ < kMaxLookAhead) {
+                    // More look-ahead: as far again as the path covers per period now.
+                    const double more = (distance - arc_[arc_count_]) / speed;
+                    wanted_ = fed_ + kSplineMargin + static_cast<int>(std::fmin(std::ceil(more), kMaxLookAhead));
+                    return 0;
+                }
+                continue;
             }
-            break;  // longer tries reach further still
+            int hint = 0;
+            reach = IndexAtArc(distance, &hint);
+        } else {
+            reach = stop.Distance() / period_;
+            if (rest_ >= 0 && reach >= rest_) return RunOn();
+            if (rest_ < 0 && reach > usable) {
+                if (!final_call && fed_ < kMaxLookAhead) {
+                    wanted_ = static_cast<int>(std::fmin(std::ceil(reach) + 1 + kSplineMargin, kMaxLookAhead));
+                    return 0;
+                }
+                continue;
+            }
         }
-        const int ticks = Fill(stop);
-        if (ticks < 0) break;
+        const int ticks = Fill(stop, along_arc);
+        if (ticks < 0) continue;
         const double need = Measure(out_.data(), ticks);
         // A brake need not beat a stream that is itself beyond the limits
         // over the same stretch of path (the scaling switch off).
-        const int span = static_cast<int>(std::ceil(reach_)) + 1;
+        const int span = static_cast<int>(std::ceil(reach)) + 1;
         if (need <= std::fmax(kScalingWithin, StreamNeed(span < fed_ ? span : fed_))) {
             count_ = ticks;
             stretch_ = stretch;
@@ -274,10 +328,12 @@ int StreamBrake::Try(bool final_call) {
     }
     if (best_try_ < 0) return -1;
     // None within: the best measured.
-    const double stretch = std::pow(kStretchStep, best_try_);
+    const bool along_arc = best_try_ % 2 == 0;
+    const double stretch = std::pow(kStretchStep, best_try_ / 2);
+    const Limits& l = along_arc ? arc : clock;
     StopProfile stop;
-    stop.Plan(v0, a0, deceleration / stretch, jerk / (stretch * stretch));
-    count_ = Fill(stop);
+    stop.Plan(along_arc ? v0 : 1.0, along_arc ? a0 : 0.0, l.deceleration / stretch, l.jerk / (stretch * stretch));
+    count_ = Fill(stop, along_arc);
     stretch_ = stretch;
     need_ = best_need_;
     best_try_ = -1;

@@ -6,7 +6,9 @@
 // own path instead of freezing it (a category-2 stop: the actuators stay
 // enabled and hold the reached pose):
 //   - from the request on, the stream's next set-points are a look-ahead
-//     (nothing is sent); the path between them is their Catmull-Rom spline;
+//     (nothing is sent); the path through them and the last few sent is
+//     their natural cubic spline (continuous to the second derivative, so
+//     following it adds no jerk of its own);
 //   - the path parameter is its joint-space arc length s (rad); a StopProfile
 //     takes s from the present speed and acceleration along the path to rest,
 //     its deceleration and jerk those that bring the joint braking the
@@ -72,10 +74,12 @@ public:
 
 private:
     const double* Nominal(int index) const;  // -2 .. fed_; beyond: the last
-    // The interpolated path (Catmull-Rom over the set-points) at fractional
-    // index tau: position, first and second derivative per index (any may be
-    // nullptr).
+    // The interpolated path (the spline through the set-points) at
+    // fractional index tau: position, first and second derivative per index
+    // (any may be nullptr).
     void Evaluate(double tau, double* q, double* tangent, double* curvature) const;
+    // The spline's second derivatives at its knots, for what is fed now.
+    void Solve();
     double Speed(double tau) const;  // joint-space speed, rad per index
     double PartialArc(int interval, double u) const;
     void ExtendArc(int upto);
@@ -86,8 +90,9 @@ private:
     double Measure(const double* points, int count) const;
     // The stream's own need over nominal set-points 1 .. span.
     double StreamNeed(int span) const;
-    // The brake's set-points along the path: count, or -1 when too long.
-    int Fill(const StopProfile& stop);
+    // The brake's set-points: the stop profile's position as the path's arc
+    // length, or as the stream's time; count, or -1 when too long.
+    int Fill(const StopProfile& stop, bool along_arc);
     int RunOn();
     // Tries stretch number try_ (or the run-on when the rest comes first).
     // 1: planned; 0: needs more look-ahead; -1: nothing fits.
@@ -97,12 +102,16 @@ private:
     int n_ = 0;
     double period_;
     bool armed_;
-    double history_[3][kMaxJointNum] = {};  // [0]: the last sent
+    static constexpr int kHistory = 8;      // set-points sent the spline starts from
+    double history_[kHistory][kMaxJointNum] = {};  // [0]: the last sent
     int history_count_ = 0;
     bool collecting_ = false;
     std::vector<double> ahead_;  // nominal set-points 1 .. fed_ (index 0 is history_[0])
     int fed_ = 0;
     int rest_ = -1;              // index where the stream rests, -1: not known
+    std::vector<double> second_;  // spline second derivatives, knots first_knot_ .. last_knot_
+    std::vector<double> scratch_;
+    int first_knot_ = 0, last_knot_ = -1;
     std::vector<double> arc_;    // arc length (rad, joint space) from index 0 to each index
     int arc_count_ = 0;          // arc_[0 .. arc_count_] known
     double reach_ = 0.0;         // index the last filled brake ends at

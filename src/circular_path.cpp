@@ -149,3 +149,12 @@ int MoveCircularPreprocess(Robot* robot, double* start_joints, double* mid_joint
     path->InterpolationPreprocess();
     return 0;
 }
+
+double CircularPath::Fraction(double t) {
+    double out[2];
+    SpeedProfile& governing = rotation_governs_ ? rotation_profile_ : linear_profile_;
+    const double distance = rotation_governs_ ? angle_ : arc_length_;
+    if (!(distance > 0)) return 1.0;
+    governing.calculate_current_speed(t, out);
+    return out[0] / distance;
+}

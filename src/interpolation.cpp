@@ -11,6 +11,7 @@
 #include <csignal>
 #include <cstdio>
 #include <iostream>
+#include <sstream>
 
 #include "database.h"
 #include "execute.h"
@@ -56,17 +57,41 @@ double ProfilePosition(SpeedProfile& profile, double t) {
 // The Cartesian tick loop shared by linear and circular moves: sample the
 // pose, solve the joints seeded by the previous set-point, hand the set-point
 // to the output (the arm: send, sleep).
+void CartesianStartBias(Robot* robot, const double* start, double* pose, double* bias) {
+    const int n = robot->GetRobotJointNum();
+    double solution[kMaxJointNum];
+    for (int i = 0; i < n; ++i) {
+        bias[i] = 0.0;
+        solution[i] = start[i];
+    }
+    QuietStdout quiet;  // a start the kinematics cannot solve fails in the stream, with its message
+    if (robot->InverseKinematics(solution, pose) < 0) return;
+    double size = 0.0;
+    for (int i = 0; i < n; ++i) size = std::fmax(size, std::fabs(solution[i] - start[i]));
+    // Round-off only: anything larger is the path's own (a branch), left alone.
+    if (size < kStartBiasLimit)
+        for (int i = 0; i < n; ++i) bias[i] = solution[i] - start[i];
+}
+
+// The Cartesian tick loop, every set-point shifted by the fading start bias.
 template <typename Path, typename Output>
 static int StreamCartesianPath(Robot* robot, Path& path, long ticks, double* current, int n, Output& output) {
     double previous[kMaxJointNum];
+    double solution[kMaxJointNum];  // the inverse kinematics' own, seeding the next period
+    double bias[kMaxJointNum] = {};
     double pose[7];
+    path.Interpolation(0.0, pose);
+    CartesianStartBias(robot, current, pose, bias);
+    for (int i = 0; i < n; ++i) solution[i] = current[i] + bias[i];
     output.Restart();
     for (long tick = 1; tick <= ticks; ++tick) {
         if (output.Stopped()) return -1;
         const double t = tick * PERIOD;
         for (int i = 0; i < n; ++i) previous[i] = current[i];
         path.Interpolation(t, pose);
-        if (robot->InverseKinematics(current, pose) < 0) return -1;
+        if (robot->InverseKinematics(solution, pose) < 0) return -1;
+        const double fade = 1.0 - path.Fraction(t);
+        for (int i = 0; i < n; ++i) current[i] = solution[i] - bias[i] * fade;
         if (output.Send(current, previous, 0) < 0) return -1;
     }
     return 0;
@@ -159,10 +184,11 @@ int MoveJointPath(Robot* robot, double* start, double* end, AccDecDate* limits) 
     if (n < 0) return -1;
     AccDecDate fitted[kMaxJointNum];
     for (int i = 0; i < n; ++i) fitted[i] = limits[i];
-    if (CartesianScalingWanted())
+    if (CartesianScalingWanted() &&
         FitMove(
             robot, [&](double k) { for (int i = 0; i < n; ++i) fitted[i] = SlowedDown(limits[i], k); },
-            [&](JointLimitProbe& probe) { return StreamJointPath(robot, start, end, fitted, probe); });
+            [&](JointLimitProbe& probe) { return StreamJointPath(robot, start, end, fitted, probe); }) < 0)
+        return -1;
     return RunWithPreflight([&] {
         ArmOutput arm(robot);
         return arm.Finish(StreamJointPath(robot, start, end, fitted, arm));
@@ -266,6 +292,12 @@ void LinearPath::Interpolation(double t, double* pose) {
     OrientationInterpolation(start_pose_ + 3, end_pose_ + 3, pose + 3, s, angle_);
 }
 
+double LinearPath::Fraction(double t) {
+    const double distance = rotation_governs_ ? angle_ : length_;
+    return distance > 0 ? ProfilePosition(rotation_governs_ ? rotation_profile_ : linear_profile_, t) / distance
+                        : 1.0;
+}
+
 // ---------------------------------------------------------------- linear moves
 
 int MoveLinearPreprocess(Robot* robot, double* start_joints, double* end_joints, LinearPath* path,
@@ -323,7 +355,8 @@ int MoveLinearPath(Robot* robot, double* start_joints, double* end_joints, AccDe
                    AccDecDate* rotation) {
     AccDecDate line = *linear;
     AccDecDate turn = *rotation;
-    if (CartesianScalingWanted()) FitLinearMoveToJointLimits(robot, start_joints, end_joints, &line, &turn);
+    if (CartesianScalingWanted() && FitLinearMoveToJointLimits(robot, start_joints, end_joints, &line, &turn) < 0)
+        return -1;
     return RunWithPreflight([&] {
         ArmOutput arm(robot);
         return arm.Finish(StreamLinearPath(robot, start_joints, end_joints, &line, &turn, arm));
@@ -355,8 +388,9 @@ int MoveCircularPath(Robot* robot, double* start_joints, double* mid_joints, dou
                      AccDecDate* linear, AccDecDate* rotation) {
     AccDecDate line = *linear;
     AccDecDate turn = *rotation;
-    if (CartesianScalingWanted())
-        FitCircularMoveToJointLimits(robot, start_joints, mid_joints, end_joints, &line, &turn);
+    if (CartesianScalingWanted() &&
+        FitCircularMoveToJointLimits(robot, start_joints, mid_joints, end_joints, &line, &turn) < 0)
+        return -1;
     return RunWithPreflight([&] {
         ArmOutput arm(robot);
         return arm.Finish(StreamCircularPath(robot, start_joints, mid_joints, end_joints, &line, &turn, arm));
@@ -490,7 +524,9 @@ int ArmOutput::Finish(int result) {
 
 JointLimitProbe::JointLimitProbe(Robot* robot, int moves)
     : n_(robot->GetRobotJointNum()), moves_(moves > 0 ? moves : 0), total_(robot),
-      need_(new double[moves > 0 ? moves : 1]()), shared_(new double[moves > 0 ? moves : 1]()) {
+      need_(new double[moves > 0 ? moves : 1]()), shared_(new double[moves > 0 ? moves : 1]()),
+      step_(new double[moves > 0 ? moves : 1]()),
+      step_at_(new double[static_cast<size_t>(moves > 0 ? moves : 1) * kMaxJointNum]()) {
     if (n_ < 0) n_ = 0;
     if (n_ > kMaxJointNum) n_ = kMaxJointNum;
     for (Track& track : tracks_) track.meter = total_;
@@ -501,7 +537,17 @@ int JointLimitProbe::Send(double* command, double* previous, int move) {
     for (int i = 0; i < n_; ++i) increment[i] = command[i] - previous[i];
     const double* increments[1] = {increment};
     Sample(increment, &move, increments, 1);
+    NoteStep(move, command, increment);
     return 0;
+}
+
+void JointLimitProbe::NoteStep(int move, const double* command, const double* increment) {
+    if (move < 0 || move >= moves_) return;
+    double step = 0.0;
+    for (int i = 0; i < n_; ++i) step += increment[i] * increment[i];
+    if (!(step > step_[move])) return;
+    step_[move] = step;
+    for (int i = 0; i < n_; ++i) step_at_[static_cast<size_t>(move) * kMaxJointNum + i] = command[i];
 }
 
 int JointLimitProbe::Blend(double* command, double* previous, int tail_move, const double* tail,
@@ -515,6 +561,8 @@ int JointLimitProbe::Blend(double* command, double* previous, int tail_move, con
     const int moves[2] = {tail_move, head_move};
     const double* increments[2] = {tail_step, head_step};
     Sample(total, moves, increments, 2);
+    NoteStep(tail_move, command, tail_step);
+    NoteStep(head_move, command, head_step);
     return 0;
 }
 
@@ -590,15 +638,22 @@ template <typename Slow, typename Simulate>
 double FitMove(Robot* robot, Slow slow, Simulate simulate) {
     double k = 1.0;
     bool beyond = false;
+    double step_at[kMaxJointNum] = {};
     {
         QuietStdout quiet;
         for (int pass = 0; pass < kMaxScalingPasses; ++pass) {
             JointLimitProbe probe(robot, 1);
-            if (simulate(probe) < 0) break;
+            if (simulate(probe) < 0) {
+                // Slowed down, a stream that ran as programmed meets a pose
+                // it cannot solve: it passes that close to a singularity.
+                beyond = pass > 0;
+                break;
+            }
             probe.Finish();
             const double need = probe.Need(0);
             if (need <= kScalingWithin) return k;
             k *= need * (1.0 + kScalingMargin);
+            for (int i = 0; i < kMaxJointNum; ++i) step_at[i] = probe.LargestStepAt(0)[i];
             if (!(k <= kMaxSlowDown)) {
                 beyond = true;
                 break;
@@ -609,10 +664,10 @@ double FitMove(Robot* robot, Slow slow, Simulate simulate) {
         }
     }
     slow(1.0);
-    if (beyond)
-        std::cout << "No slow-down up to " << kMaxSlowDown
-                  << " times keeps the joints within their limits; the move keeps its programmed speed." << std::endl;
-    return 0.0;
+    if (!beyond) return 0.0;
+    std::cout << "The path passes through or too near " << NearestSingularity(robot, step_at)
+              << ": refused before motion." << std::endl;
+    return -1.0;
 }
 
 template <typename Simulate>
@@ -642,4 +697,35 @@ double FitCircularMoveToJointLimits(Robot* robot, double* start_joints, double* 
     return FitCartesianMove(robot, linear, rotation, [&](JointLimitProbe& probe) {
         return StreamCircularPath(robot, start_joints, mid_joints, end_joints, linear, rotation, probe);
     });
+}
+
+std::string NearestSingularity(Robot* robot, const double* q) {
+    if (robot == nullptr || robot->GetRobotJointNum() != 6) return "a singularity";
+    constexpr double kToDegrees = 180.0 / 3.14159265358979323846;
+    // Distances from each singularity, each on a scale of one: the wrist's
+    // and the elbow's sines, the wrist centre's distance from the cylinder
+    // of radius d4 about the base axis over the arm's reach a2 + a3.
+    const double wrist = std::fabs(std::sin(q[4]));
+    const double elbow = std::fabs(std::sin(q[2]));
+    double pose[7];
+    double shoulder = HUGE_VAL, radius = 0.0;
+    const double d4 = robot->link_[3].mdh_[3], d6 = robot->link_[5].mdh_[3];
+    const double reach = std::fabs(robot->link_[2].mdh_[2]) + std::fabs(robot->link_[3].mdh_[2]);
+    if (robot->ForwardKinematics(const_cast<double*>(q), pose) >= 0 && reach > 0.0) {
+        const double w = pose[3], x = pose[4], y = pose[5], z = pose[6];
+        // The flange's z axis from its quaternion; the wrist centre lies d6 behind the flange on it.
+        const double ax = 2 * (x * z + w * y), ay = 2 * (y * z - w * x);
+        radius = std::hypot(pose[0] - d6 * ax, pose[1] - d6 * ay);
+        shoulder = std::fabs(radius - std::fabs(d4)) / reach;
+    }
+    std::ostringstream text;
+    text.precision(3);
+    if (wrist <= elbow && wrist <= shoulder)
+        text << "the wrist singularity (joint 5 at " << q[4] * kToDegrees << " degrees)";
+    else if (elbow <= shoulder)
+        text << "the elbow singularity (joint 3 at " << q[2] * kToDegrees << " degrees)";
+    else
+        text << "the shoulder singularity (wrist centre " << std::fabs(radius - std::fabs(d4))
+             << " mm from the base axis' cylinder)";
+    return text.str();
 }

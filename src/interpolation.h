@@ -78,6 +78,8 @@ struct LinearPath {
     void InterpolationPreprocess();
     // Writes the seven-value pose at time t.
     void Interpolation(double t, double* pose);
+    // Share of the governing profile's distance covered at time t (0 .. 1).
+    double Fraction(double t);
 };
 
 // Arc of the circle through start, middle and end positions; the middle
@@ -110,6 +112,7 @@ struct CircularPath {
                        double jrot);
     void InterpolationPreprocess();
     void Interpolation(double t, double* pose);
+    double Fraction(double t);
 };
 
 // ---- pre-flight
@@ -269,6 +272,11 @@ public:
     // limits), and for the moves it meets.
     double Need(int move) const { return move >= 0 && move < moves_ ? need_[move] : 0.0; }
     double SharedNeed(int move) const { return move >= 0 && move < moves_ ? shared_[move] : 0.0; }
+    // The set-point that ends move `move`'s largest single step (rad over
+    // all joints): where a step in its stream (a change of branch) lies.
+    const double* LargestStepAt(int move) const {
+        return move >= 0 && move < moves_ ? &step_at_[static_cast<size_t>(move) * kMaxJointNum] : nullptr;
+    }
 
 private:
     struct Track {
@@ -278,6 +286,7 @@ private:
     };
     static constexpr int kTracks = 6;  // moves whose increments a difference can still reach
     void Sample(const double* total, const int* moves, const double* const* increments, int count);
+    void NoteStep(int move, const double* command, const double* increment);
 
     int n_;
     int moves_;
@@ -285,7 +294,20 @@ private:
     Track tracks_[kTracks];
     std::unique_ptr<double[]> need_;
     std::unique_ptr<double[]> shared_;
+    std::unique_ptr<double[]> step_;     // largest single step of each move
+    std::unique_ptr<double[]> step_at_;  // and the set-point it ends at
 };
+
+// The arm's singularity nearest to joints q (rad), for messages: "the wrist
+// singularity (joint 5 at 0.2 degrees)", the elbow's (joint 3), or the
+// shoulder's (wrist centre 3 mm from the cylinder about the base axis it
+// cannot enter). Six-joint arms; other arms: "a singularity".
+std::string NearestSingularity(Robot* robot, const double* q);
+// With row 8 ON, a move whose stream no slow-down brings within the joints'
+// limits has a step: it passes through or too near a singularity, where the
+// seeded inverse kinematics changes branch. It is refused before motion with
+// "<where>the path passes through or too near <singularity>: refused before
+// motion." (where: "Line N: " in a program run).
 
 // Standard output silenced while it lives: the scaling pass computes streams
 // whose messages the pre-flight or the stream itself prints when it matters.
@@ -303,13 +325,28 @@ private:
 
 // The scaling pass of one linear or circular move from start_joints: slows
 // *linear and *rotation (as the move would be streamed with them) until its
-// joints keep their limits. Returns the slow-down applied (1: untouched), or
-// 0 when the move keeps its limits because no slow-down up to kMaxSlowDown
-// helps or its stream cannot be computed. Whatever the switch says.
+// joints keep their limits. Returns the slow-down applied (1: untouched), 0
+// when the move keeps its limits because its stream cannot be computed, or -1
+// (with the refusal's message) when no slow-down up to kMaxSlowDown helps.
+// Whatever the switch says.
 double FitLinearMoveToJointLimits(Robot* robot, double* start_joints, double* end_joints, AccDecDate* linear,
                                   AccDecDate* rotation);
 double FitCircularMoveToJointLimits(Robot* robot, double* start_joints, double* mid_joints, double* end_joints,
                                     AccDecDate* linear, AccDecDate* rotation);
+
+// The inverse kinematics of a Cartesian move's start pose differs from the
+// joints it starts from: by the round-off of the forward and inverse
+// kinematics (about 1e-7 rad), and where a quaternion component of the start
+// orientation is below 1.6e-3 by up to a few 1e-3 rad, since the pose's
+// quaternion drops such components (its 1e-5 guard on each radicand). Either
+// would be a step at the move's start, beyond every jerk limit. The move's
+// set-points are shifted by that difference, faded out along the move (times
+// 1 - the share of its distance covered): it starts exactly where the arm
+// stands and ends on its target pose's own inverse kinematics.
+// bias = IK(pose, seeded by start) - start when below kStartBiasLimit rad on
+// every joint (a change of branch is far larger and is left alone), else 0.
+constexpr double kStartBiasLimit = 0.02;
+void CartesianStartBias(Robot* robot, const double* start, double* pose, double* bias);
 
 // ---- joint moves
 

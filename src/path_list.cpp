@@ -148,6 +148,11 @@ int InterpolationData::MovePreProcess(Robot* robot) {
     case kMoveLinear:
         if (MoveLinearPreprocess(robot, start_position, target_position, &linear_path, &line, &rotate) < 0)
             return -1;
+        {
+            double pose[7];
+            linear_path.Interpolation(0.0, pose);
+            CartesianStartBias(robot, start_position, pose, ik_bias);
+        }
         acc_time = linear_path.ta_;
         dec_time = linear_path.td_;
         total_time = linear_path.tall_;
@@ -170,6 +175,11 @@ int InterpolationData::MovePreProcess(Robot* robot) {
         double end_pose[7];
         circular_path.Interpolation(circular_path.tall_, end_pose);
         if (!(Distance3(end_pose, p3) <= kArcEndTolerance)) return -1;
+        {
+            double pose[7];
+            circular_path.Interpolation(0.0, pose);
+            CartesianStartBias(robot, start_position, pose, ik_bias);
+        }
         acc_time = circular_path.ta_;
         dec_time = circular_path.td_;
         total_time = circular_path.tall_;
@@ -189,11 +199,20 @@ int InterpolationData::MovePathFlow(Robot* robot, double* joint, double t) {
         return 0;
     }
     case kMoveLinear:
-        linear_path.Interpolation(t, pose);
-        return robot->InverseKinematics(joint, pose) < 0 ? -1 : 0;
-    case kMoveCircular:
-        circular_path.Interpolation(t, pose);
-        return robot->InverseKinematics(joint, pose) < 0 ? -1 : 0;
+    case kMoveCircular: {
+        // Seeded with the set-point before: the shift is far smaller than
+        // the distance between two branches, so the nearest solution is the
+        // unshifted one on the same branch.
+        const int n = JointCount(robot);
+        const double fade = 1.0 - (type == kMoveLinear ? linear_path.Fraction(t) : circular_path.Fraction(t));
+        if (type == kMoveLinear)
+            linear_path.Interpolation(t, pose);
+        else
+            circular_path.Interpolation(t, pose);
+        if (robot->InverseKinematics(joint, pose) < 0) return -1;
+        for (int j = 0; j < n; ++j) joint[j] -= ik_bias[j] * fade;
+        return 0;
+    }
     default:
         return -1;
     }
@@ -302,14 +321,19 @@ int RunActions(const ProgramActions& actions, int* line, Output& output) {
 // again. Only once no move is beyond on its own are the moves that meet
 // beyond the limits (a blend, a junction) slowed together.
 // Every move starts at 1 (as programmed); with the switch off it stays there.
-// A run that cannot be computed, or a move that would need more than
-// kMaxSlowDown, leaves the whole run as programmed.
+// A run that cannot be computed leaves the whole run as programmed (its
+// stream is refused where it fails); a move that would need more than
+// kMaxSlowDown, or whose slowed stream cannot be computed where the
+// programmed one could, refuses the run (-1, with its line and the
+// singularity).
 template <typename Simulate>
-void FitRunToJointLimits(Robot* robot, InterpolationData* table, int count, Simulate simulate) {
-    if (robot == nullptr || table == nullptr || count <= 0) return;
+int FitRunToJointLimits(Robot* robot, InterpolationData* table, int count, Simulate simulate) {
+    if (robot == nullptr || table == nullptr || count <= 0) return 0;
     for (int i = 0; i < count; ++i) table[i].slow_down = 1.0;
-    if (!CartesianScalingWanted()) return;
+    if (!CartesianScalingWanted()) return 0;
     int beyond = -1;  // a move no slow-down up to kMaxSlowDown helps
+    int slowed = -1;  // the move slowed most by the last pass measured
+    double step_at[kMaxJointNum] = {};
     bool computed = true;
     {
         QuietStdout quiet;  // the pre-flight or the stream prints what fails
@@ -317,6 +341,9 @@ void FitRunToJointLimits(Robot* robot, InterpolationData* table, int count, Simu
             JointLimitProbe probe(robot, count);
             int line = 0;
             if (simulate(probe, &line) < 0) {
+                // Slowed down, a stream that ran as programmed meets a pose
+                // it cannot solve: it passes that close to a singularity.
+                if (slowed >= 0) beyond = slowed;
                 computed = false;
                 break;
             }
@@ -328,25 +355,34 @@ void FitRunToJointLimits(Robot* robot, InterpolationData* table, int count, Simu
                 const double need = own ? probe.Need(i) : probe.SharedNeed(i);
                 if (need <= kScalingWithin) continue;
                 within = false;
+                if (slowed < 0 || need > probe.Need(slowed)) {
+                    slowed = i;
+                    for (int j = 0; j < kMaxJointNum; ++j) step_at[j] = probe.LargestStepAt(i)[j];
+                }
                 table[i].slow_down *= need * (1.0 + kScalingMargin);
-                if (!(table[i].slow_down <= kMaxSlowDown)) beyond = i;
+                if (!(table[i].slow_down <= kMaxSlowDown)) {
+                    beyond = i;
+                    for (int j = 0; j < kMaxJointNum; ++j) step_at[j] = probe.LargestStepAt(i)[j];
+                }
             }
             if (within || beyond >= 0) break;
         }
     }
-    if (computed && beyond < 0) return;
+    if (computed && beyond < 0) return 0;
     for (int i = 0; i < count; ++i) table[i].slow_down = 1.0;
-    if (beyond >= 0)
-        std::cout << "Line " << table[beyond].line_number << ": no slow-down up to " << kMaxSlowDown
-                  << " times keeps the joints within their limits; the run keeps its programmed speed." << std::endl;
+    if (beyond < 0) return 0;
+    std::cout << "Line " << table[beyond].line_number << ": the path passes through or too near "
+              << NearestSingularity(robot, step_at) << ": refused before motion." << std::endl;
+    return -1;
 }
 
 }  // namespace
 
 int MovePathList(Robot* robot, InterpolationData* table, int count) {
-    FitRunToJointLimits(robot, table, count, [&](JointLimitProbe& probe, int* line) {
-        return StreamPathList(robot, table, count, line, probe);
-    });
+    if (FitRunToJointLimits(robot, table, count, [&](JointLimitProbe& probe, int* line) {
+            return StreamPathList(robot, table, count, line, probe);
+        }) < 0)
+        return -1;
     return RunProgramWithPreflight([&](int* line) {
         ArmOutput arm(robot);
         return arm.Finish(StreamPathList(robot, table, count, line, arm));
@@ -354,9 +390,10 @@ int MovePathList(Robot* robot, InterpolationData* table, int count) {
 }
 
 int MovePathListSmooth(Robot* robot, InterpolationData* table, int count) {
-    FitRunToJointLimits(robot, table, count, [&](JointLimitProbe& probe, int* line) {
-        return StreamPathListSmooth(robot, table, count, line, probe);
-    });
+    if (FitRunToJointLimits(robot, table, count, [&](JointLimitProbe& probe, int* line) {
+            return StreamPathListSmooth(robot, table, count, line, probe);
+        }) < 0)
+        return -1;
     return RunProgramWithPreflight([&](int* line) {
         ArmOutput arm(robot);
         return arm.Finish(StreamPathListSmooth(robot, table, count, line, arm));

@@ -53,6 +53,8 @@ struct InterpolationData {
     // limits divided by it, accelerations by its square, jerks by its cube.
     // 1: as programmed.
     double slow_down = 1.0;
+    // Straight lines and arcs: their set-points' shift (CartesianStartBias).
+    double ik_bias[kMaxJointNum] = {};
     double start_position[kMaxJointNum] = {};
     double auxiliary_position[kMaxJointNum] = {};  // circular moves: the arc's middle
     double target_position[kMaxJointNum] = {};

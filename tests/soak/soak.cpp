@@ -424,6 +424,7 @@ void Malform(Dice& d, Case* c) {
     c->text = Join(lines, "\n") + "\n";
     c->note += ", then " + what + " at line " + std::to_string(at + 1);
     c->must_refuse = true;
+    c->beyond_by_design = c->beyond_by_design || what.find("spike") != std::string::npos;
 }
 
 // Rows 13 (the dynamic parameters: 36 base parameters, then a viscous and a
@@ -615,6 +616,7 @@ struct Outcome {
     bool step_walk_ended = false;
     int floating = 0;          // hand guiding: an actuator left out of position mode, 0 for none
     double worst_ratio = 0.0;  // finite differences of the set-points over the joints' limits
+    bool ran_to_refusal = false;  // pre-flight off: moved up to a failing period
     std::string worst_at;      // where
 };
 
@@ -631,8 +633,12 @@ double WorstRatio(const Tape& t, bool with_jerk, std::string* where) {
         const double h = t.time[begin + 1] - t.time[begin];
         size_t end = begin + 1;
         while (end + 1 < t.q.size() && std::fabs(t.time[end + 1] - t.time[end] - h) < 1e-7) ++end;
-        q.assign(3, t.q[begin]);
-        for (size_t k = begin + 1; k <= end; ++k) q.push_back(t.q[k]);
+        // After a longer gap (a wait, a prompt) the arm rested where the
+        // entry before the run left it, and the run's first entry is its
+        // first step from there.
+        const bool after_gap = begin > 0 && t.time[begin] - t.time[begin - 1] > 1.5 * h;
+        q.assign(3, after_gap ? t.q[begin - 1] : t.q[begin]);
+        for (size_t k = after_gap ? begin : begin + 1; k <= end; ++k) q.push_back(t.q[k]);
         for (int r = 0; r < 3; ++r) q.push_back(q.back());
         for (size_t k = 3; k < q.size(); ++k)
             for (int j = 0; j < 6; ++j) {
@@ -646,7 +652,7 @@ double WorstRatio(const Tape& t, bool with_jerk, std::string* where) {
                     if (ratios[o] > worst) {
                         worst = ratios[o];
                         *where = std::string(o == 0 ? "speed" : o == 1 ? "acceleration" : "jerk") + " of joint " +
-                                 std::to_string(j + 1) + " at " + Number(t.time[begin + std::min(k - 3, end - begin)]) +
+                                 std::to_string(j + 1) + " at " + Number(t.time[std::min(begin + k - 3, end)]) +
                                  " s";
                     }
             }
@@ -741,6 +747,8 @@ std::string BootFresh(const Joints& start) {
     return "";
 }
 
+std::string KnownRefusal(const std::string& out);
+
 // Writes the case's file and runs it quietly on the booted arm.
 void Run(const Case& c, Outcome* o) {
     if (c.job == Job::kReplay) tqltest::WriteFile(kTrajectoryFile, c.text);
@@ -759,7 +767,11 @@ void Run(const Case& c, Outcome* o) {
     tape.on = false;
     // A replay reproduces its file, whose jerk is the recording's own: held
     // to the speed and acceleration limits only.
-    o->worst_ratio = WorstRatio(tape, c.job != Job::kReplay, &o->worst_at);
+    // With the pre-flight off a stream that fails on the way runs up to the
+    // failing period and stops there dead, as described: not measured.
+    o->ran_to_refusal = c.preflight_off && o->result == -1 && !KnownRefusal(o->out).empty() &&
+                        o->out.find("refused before motion") == std::string::npos;
+    if (!o->ran_to_refusal) o->worst_ratio = WorstRatio(tape, c.job != Job::kReplay, &o->worst_at);
     InitStopFlag();
     const long after = tql_sim_setpoint_count(1);
     o->beyond = tql_sim_beyond_limit_count();
@@ -965,6 +977,7 @@ int main(int argc, char** argv) {
     long runs = 0, accepted_runs = 0, refused_runs = 0, violations = 0;
     long beyond_limits = 0, beyond_peak = 0;  // over all cases
     long beyond_joint_limits = 0;             // cases beyond the joints' limits by finite differences
+    long ran_to_refusal = 0;                  // pre-flight off: moved up to a failing period
     double worst_ratio = 0.0;
     std::string worst_case;
     const long first = opt.only_case >= 0 ? opt.only_case : 0;
@@ -997,8 +1010,10 @@ int main(int argc, char** argv) {
         if (boot.empty() || refused_at_boot) why = Judge(c, o, &accepted);
         if (!rows_written) why = "cannot write the case's rows into parameter.db";
         deadline = 0;
+        ran_to_refusal += o.ran_to_refusal;
         if (o.worst_ratio > 1.01 && !(c.preflight_off && c.beyond_by_design)) {
             ++beyond_joint_limits;
+            if (getenv("SOAK_JL")) fprintf(stderr, "JL case %ld %s pf%d stop%ld %.3f %s\n", k, JobName(c.job), !c.preflight_off, c.stop_after, o.worst_ratio, o.worst_at.c_str());
             if (o.worst_ratio > worst_ratio)
                 worst_ratio = o.worst_ratio, worst_case = "case " + std::to_string(k) + ", the " + o.worst_at;
         }
@@ -1019,6 +1034,7 @@ int main(int argc, char** argv) {
                 refused_runs, violations);
     std::printf("soak: %ld set-points beyond the actuators' limits, %ld currents beyond their peak\n", beyond_limits,
                 beyond_peak);
+    std::printf("soak: %ld cases with the pre-flight off ran up to a refused period\n", ran_to_refusal);
     std::printf("soak: %ld cases beyond the joints' limits by finite differences%s\n", beyond_joint_limits,
                 worst_case.empty() ? "" : (", worst " + Number(worst_ratio) + " times in " + worst_case).c_str());
     return violations > 0 ? 1 : 0;

@@ -405,7 +405,7 @@ TEST_F(CartesianMoves, LineNearTheWristSingularityRunsSlowed) {
     const struct { bool on; double jerk_limit; int result; std::string printed; } cases[] = {
         {false, jerk, -1, "ID 6 beyond speed limit"},
         {true, jerk, 0, ""},
-        {true, jerk / 1e8, -1, "slow-down up to 100 times"},
+        {true, jerk / 1e8, -1, "too near the wrist singularity"},
     };
     for (const auto& c : cases) {
         ASSERT_NO_FATAL_FAILURE(MoveTo(s));
