@@ -201,7 +201,7 @@ int MoveToSpecifiedPosition(double* target) {
     if (n < 0) return -1;
     double current[kMaxJointNum];
     AccDecDate limits[kMaxJointNum];
-    robot->GetCurrentMachineJoint(current);
+    robot->GetStartJoints(current);
     robot->GetJointSpeedAccDecParameters(limits);
     for (int i = 0; i < n; ++i) limits[i].speed *= 0.5;
     return MoveJointPath(robot, current, target, limits);

@@ -99,6 +99,12 @@ public:
     int GetErrorCode();
     void GetCurrentMachineJoint(double* q);
     void GetCurrentMachineJointFast(double* q);
+    // Where a move starts: the last position set-point sent to the arm, or
+    // the measured joints when none has been sent since the boot or since
+    // the arm floated in current mode. Starting from the set-point, a move
+    // continues the stream the drives follow, with no step for their
+    // tracking error.
+    void GetStartJoints(double* q);
     void GetCurrentCVPFast(double* c, double* v, double* p);
     void GetCurrentTVPFast(double* t, double* v, double* p);
     void GetJointSpeedAccDecParameters(AccDecDate* out);
@@ -174,6 +180,8 @@ private:
     // Prints the error of joint i if its actuator reports one; true when clean.
     bool JointErrorFree(int i, bool id_as_number);
     void SendPositionTick(double* q);
+    double last_set_point_[kMaxJointNum] = {};
+    bool set_point_valid_ = false;
 };
 
 // System status, error record, real-time position.

@@ -99,7 +99,7 @@ int PrepareForRun(Robot* robot, InterpolationData* table, int n) {
 
 int StepToTarget(Robot* robot, InterpolationData& m) {
     double current[kMaxJointNum] = {};
-    robot->GetCurrentMachineJoint(current);
+    robot->GetStartJoints(current);
     switch (m.type) {
     case kMoveJoint:
         return MoveJointPath(robot, current, m.target_position, m.joint_acc_dec) < 0 ? -1 : 0;
@@ -246,9 +246,9 @@ void PrepareBlendedRun(Robot* robot, InterpolationData* table, int count, const 
 int PathListPreprocess(Robot* robot, InterpolationData* table, int count) {
     // An empty table has no first move to start from.
     if (robot == nullptr || table == nullptr || count <= 0) return 0;
-    // The program always starts from where the arm actually is.
+    // The program starts from where the arm was last sent (or stands).
     double start[kMaxJointNum] = {};
-    robot->GetCurrentMachineJoint(start);
+    robot->GetStartJoints(start);
     PrepareBlendedRun(robot, table, count, start);
     return 0;
 }
@@ -454,7 +454,7 @@ int StreamPathListSmooth(Robot* robot, InterpolationData* table, int count, int*
     // a cut: the arm rests there); each piece is prepared as a blended run
     // from where the arm stands (the first) or the joints last streamed.
     double command[kMaxJointNum] = {};
-    robot->GetCurrentMachineJoint(command);
+    robot->GetStartJoints(command);
     output.Restart();  // one schedule for the whole run
     for (int first = 0; first < count;) {
         int end = first + 1;

@@ -225,7 +225,7 @@ int InstructionDataToMoveData(std::list<InstructionUnit>* list, InterpolationDat
 std::unique_ptr<InterpolationData[]> LoadProgramFile(Robot* robot, std::string file_name, int* count) {
     robot->ActivatePositionMode();
     double current_joint[kMaxJointNum] = {};
-    robot->GetCurrentMachineJoint(current_joint);
+    robot->GetStartJoints(current_joint);
     std::unique_ptr<InterpolationData[]> table(new (std::nothrow) InterpolationData[kInterpolationTableSize]);
     if (!table) {
         std::cout << "Memory error !" << std::endl;

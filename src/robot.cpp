@@ -10,6 +10,7 @@ Robot::~Robot() = default;
 
 int Robot::ServerInit(ActuatorController* controller, std::vector<unsigned char> ids,
                       std::vector<ActuatorController::UnifiedID> uids) {
+    set_point_valid_ = false;  // a fresh boot: nothing sent yet
     if (controller == nullptr) {
         std::cout << "Enable failure." << std::endl;
         return -1;
@@ -116,6 +117,14 @@ void Robot::GetCurrentMachineJoint(double* q) {
     for (int i = 0; i < joint_num_; ++i) q[i] = link_[i].GetActuatorPositionSlow();
 }
 
+void Robot::GetStartJoints(double* q) {
+    if (!set_point_valid_) {
+        GetCurrentMachineJoint(q);
+        return;
+    }
+    for (int i = 0; i < joint_num_; ++i) q[i] = last_set_point_[i];
+}
+
 void Robot::GetCurrentMachineJointFast(double* q) {
     for (int i = 0; i < joint_num_; ++i) q[i] = link_[i].GetActuatorPositionFast();
 }
@@ -149,7 +158,10 @@ void Robot::ActivateMode(Actuator::ActuatorMode mode, double settle_ms) {
 }
 
 void Robot::ActivateHomingMode() { ActivateMode(Actuator::Mode_Homing, 500); }
-void Robot::ActivateCurrentMode() { ActivateMode(Actuator::Mode_Cur, 200); }
+void Robot::ActivateCurrentMode() {
+    set_point_valid_ = false;  // the arm floats: its set-point no longer holds it
+    ActivateMode(Actuator::Mode_Cur, 200);
+}
 void Robot::ActivateVelocityMode() { ActivateMode(Actuator::Mode_Vel, 200); }
 void Robot::ActivatePositionMode() { ActivateMode(Actuator::Mode_Pos, 200); }
 
@@ -189,7 +201,11 @@ int Robot::CheckPositionTick(double* q, double* q_last, bool id_as_number, doubl
 }
 
 void Robot::SendPositionTick(double* q) {
-    for (int i = 0; i < joint_num_; ++i) link_[i].SetActuatorPosition(q[i]);
+    for (int i = 0; i < joint_num_; ++i) {
+        link_[i].SetActuatorPosition(q[i]);
+        last_set_point_[i] = q[i];
+    }
+    set_point_valid_ = true;
 }
 
 int Robot::SendMachinePosition(double* q, double* q_last) {

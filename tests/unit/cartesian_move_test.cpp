@@ -307,9 +307,16 @@ TEST_F(CartesianMoves, CartesianJog) {
         EXPECT_EQ(Jog(4, bad, &out), -1);
         EXPECT_NE(out.find("is not a finite number"), std::string::npos) << out;
     }
-    EXPECT_EQ(Jog(0, 2000.0, &out), -1);  // out of reach
-    EXPECT_NE(out.find("ik error,  t4 = "), std::string::npos) << out;
     EXPECT_EQ(tql_sim_setpoint_count(1), before);
+    // 2 m down stops at the workspace box's floor (the table, z = 0), within
+    // 1/4096 of the step; back up again.
+    const KDL::Frame home = Flange(CurrentJoints());
+    EXPECT_EQ(Jog(2, -2000.0, &out), 0);
+    EXPECT_NE(out.find("Jog stopped at the boundary after "), std::string::npos) << out;
+    const double reached = Flange(CurrentJoints()).p.z();  // mm
+    EXPECT_GE(reached, 0.0);
+    EXPECT_LT(reached, 2000.0 / 4096);
+    EXPECT_EQ(Jog(2, home.p.z() - reached), 0);
     // A zero step stays put (up to the micrometres of the kinematics round trip).
     const KDL::Frame f0 = Flange(CurrentJoints());
     EXPECT_EQ(Jog(1, 0.0), 0);
