@@ -145,6 +145,9 @@ void ActuatorController::activateActuatorModeInBantch(std::vector<uint8_t> ids, 
             if (mode == Actuator::Mode_Cur) tqlsim::NoteCurrentMode(call.bus, call.now);
         }
         tqlsim::RecordCommand(call, id, "activateActuatorModeInBantch", static_cast<double>(mode));
+        // Where the actuator stands as the mode starts (reported
+        // revolutions): a recording's set-points continue from it.
+        if (a != nullptr) call.bus.recorder.Row(call.now, id, a->mode, "position", tqlsim::ReportedPosition(*a));
     }
 }
 

@@ -182,8 +182,9 @@ def sniff(path):
 
 
 def read_record(path, params):
-    """Set-point streams per joint: list of (times [s], angles [deg])."""
-    setpoints = {}
+    """Set-point streams per joint: list of (times [s], angles [deg], the
+    angle it stood at before its first set-point or None)."""
+    setpoints, start = {}, {}
     with open(path, "r", errors="replace") as f:
         if f.readline().strip() != RECORD_HEADER:
             raise PlotError("%s: not a flight recording (header %s expected)" % (path, RECORD_HEADER))
@@ -193,7 +194,7 @@ def read_record(path, params):
                 if line.strip():
                     raise PlotError("%s: line %d: 5 fields expected" % (path, number))
                 continue
-            if fields[3] != "setPosition":
+            if fields[3] not in ("setPosition", "position"):
                 continue
             try:
                 t, ident, value = float(fields[0]), int(fields[1]), float(fields[4])
@@ -201,6 +202,10 @@ def read_record(path, params):
                 raise PlotError("%s: line %d: not a number" % (path, number))
             if not (math.isfinite(t) and math.isfinite(value)):
                 raise PlotError("%s: line %d: not a finite number" % (path, number))
+            if fields[3] == "position":  # where the actuator stood before its first set-point
+                if ident not in setpoints:
+                    start[ident] = value
+                continue
             setpoints.setdefault(ident, []).append((t, value))
     if not setpoints:
         raise PlotError("%s: no position set-points" % path)
@@ -211,7 +216,7 @@ def read_record(path, params):
     for j, ident in enumerate(ids):  # the k-th actuator in id order drives joint k
         a = np.array(setpoints[ident])
         scale = params["direction"][j] / params["ratio"][j] * 360.0
-        streams.append((a[:, 0], a[:, 1] * scale))
+        streams.append((a[:, 0], a[:, 1] * scale, start[ident] * scale if ident in start else None))
     return ids, streams
 
 
@@ -260,13 +265,14 @@ def differentiate(q, dt):
     return out
 
 
-def record_series(times, degrees, dt):
+def record_series(times, degrees, dt, before=None):
     """One joint's recording as a 4 ms series: each stream of set-points held
-    for 3 periods before (the previous set-point) and after (its last), so a
-    move's start and stop show in the derivatives; pauses hold still."""
+    for 3 periods before (the previous set-point; for the first, where the
+    joint stood, `before`, when known) and after (its last), so a move's
+    start and stop show in the derivatives; pauses hold still."""
     breaks = np.flatnonzero(np.diff(times) >= PAUSE) + 1
     t_out, q_out = [], []
-    previous = degrees[0]
+    previous = degrees[0] if before is None else before
     for t, q in zip(np.split(times, breaks), np.split(degrees, breaks)):
         pad = np.arange(1, 4) * dt
         t_out.append(np.concatenate([t[0] - pad[::-1], t[0] + np.arange(len(t)) * dt, t[0] + (len(t) - 1) * dt + pad]))
@@ -478,10 +484,11 @@ def run(args):
     ids, stats, noise = [], [], 0.0
     if kind == "record":
         ids, streams = read_record(args.input, params)
-        stats = [pacing(t) for t, _ in streams]
+        stats = [pacing(t) for t, _, _ in streams]
         periods = np.concatenate([s["periods"] for s in stats if s is not None] or [np.array([PERIOD])])
         dt = float(np.median(periods))
-        t, series = zip(*[record_series(tt, q, dt) for tt, q in streams])
+        t, series = zip(*[record_series(tt, q, dt, before) for tt, q, before in streams])
+        streams = [(tt, q) for tt, q, _ in streams]
         q_path = joint_samples(ids, streams)
     else:
         table = read_table(args.input)
