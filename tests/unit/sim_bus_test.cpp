@@ -167,9 +167,10 @@ TEST_F(SimBus, FlightRecorderWritesEveryCommandAndCountsLimitBreaches) {
     EXPECT_EQ(tql_sim_beyond_limit_count(), 3);
     tql_sim_flush_recorder();
     const std::string csv = ReadFile("rec.csv");
-    EXPECT_EQ(tqltest::CountOf(csv, "\n"), 20);
+    EXPECT_EQ(tqltest::CountOf(csv, "\n"), 26);  // and where each actuator stood at the mode switch
     for (const char* row : {"time,id,mode,command,value\n0.000000,1,0,enableActuatorInBatch,1\n",
-                            "\n0.000000,1,3,activateActuatorModeInBantch,3\n", "\n0.204000,1,3,setPosition,0.1\n",
+                            "\n0.000000,1,3,activateActuatorModeInBantch,3\n0.000000,1,3,position,0\n",
+                            "\n0.204000,1,3,setPosition,0.1\n",
                             "\n3.212000,1,3,setPosition,-17.5\n"})
         EXPECT_NE(csv.find(row), std::string::npos) << row << csv;
 }
