@@ -165,7 +165,7 @@ double StreamBrake::IndexAtArc(double s, int* hint) const {
     return i + u;
 }
 
-double StreamBrake::Measure(const double* points, int count) const {
+double StreamBrake::Measure(const double* points, int count, double* orders) const {
     JointLimitMeter meter(robot_, period_);
     double increment[kMaxJointNum] = {};
     // The history: the speed and acceleration the brake starts from.
@@ -178,25 +178,23 @@ double StreamBrake::Measure(const double* points, int count) const {
     for (int k = 0; k < count; ++k) {
         const double* q = points + static_cast<size_t>(k) * n_;
         for (int j = 0; j < n_; ++j) increment[j] = q[j] - before[j];
-        need = std::fmax(need, meter.Step(increment));
+        need = std::fmax(need, meter.Step(increment, orders));
         before = q;
     }
-    for (int k = 0; k < 3; ++k) need = std::fmax(need, meter.Step(nullptr));  // then at rest
+    for (int k = 0; k < 3; ++k) need = std::fmax(need, meter.Step(nullptr, orders));  // then at rest
     return need;
 }
 
-double StreamBrake::StreamNeed(int span) const {
+void StreamBrake::StreamNeed(int span, double* orders) const {
     JointLimitMeter meter(robot_, period_);
     double increment[kMaxJointNum] = {};
-    double need = 0.0;
+    double ignored[3] = {};
     for (int k = -1; k <= span; ++k) {
         const double* q = Nominal(k);
         const double* before = Nominal(k - 1);
         for (int j = 0; j < n_; ++j) increment[j] = q[j] - before[j];
-        const double step = meter.Step(increment);
-        if (k >= 1) need = std::fmax(need, step);
+        meter.Step(increment, k >= 1 ? orders : ignored);
     }
-    return need;
 }
 
 int StreamBrake::Fill(const StopProfile& stop, bool along_arc) {
@@ -311,11 +309,16 @@ int StreamBrake::Try(bool final_call) {
         }
         const int ticks = Fill(stop, along_arc);
         if (ticks < 0) continue;
-        const double need = Measure(out_.data(), ticks);
+        double brake[3] = {}, stream[3] = {};
+        const double need = Measure(out_.data(), ticks, brake);
         // A brake need not beat a stream that is itself beyond the limits
-        // over the same stretch of path (the scaling switch off).
+        // over the same stretch of path (the scaling switch off, a replay's
+        // file), order by order: speed, acceleration, jerk.
         const int span = static_cast<int>(std::ceil(reach)) + 1;
-        if (need <= std::fmax(kScalingWithin, StreamNeed(span < fed_ ? span : fed_))) {
+        StreamNeed(span < fed_ ? span : fed_, stream);
+        bool within = true;
+        for (int o = 0; o < 3; ++o) within = within && brake[o] <= std::fmax(kScalingWithin, stream[o]);
+        if (within) {
             count_ = ticks;
             stretch_ = stretch;
             need_ = need;

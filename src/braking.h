@@ -40,8 +40,9 @@ class StreamBrake {
 public:
     // Nominal set-points a brake may look ahead (8 s of 4 ms periods).
     static constexpr int kMaxLookAhead = 2048;
-    // Tries, each 1.25 times longer than the one before (up to 14.6 times).
-    static constexpr int kStretches = 13;
+    // Tries of each kind, each 1.25 times longer than the one before (up to
+    // 69 times).
+    static constexpr int kStretches = 20;
 
     // Allocates the look-ahead only when `armed` (a stream to the arm with
     // braking wanted).
@@ -87,9 +88,10 @@ private:
     double IndexAtArc(double s, int* hint) const;
     // Measures set-points points[0 .. count-1] continuing the history, the
     // arm at rest after them.
-    double Measure(const double* points, int count) const;
-    // The stream's own need over nominal set-points 1 .. span.
-    double StreamNeed(int span) const;
+    // orders (when given): the speed, acceleration and jerk needs apart.
+    double Measure(const double* points, int count, double* orders = nullptr) const;
+    // The stream's own needs, order by order, over nominal set-points 1 .. span.
+    void StreamNeed(int span, double* orders) const;
     // The brake's set-points: the stop profile's position as the path's arc
     // length, or as the stream's time; count, or -1 when too long.
     int Fill(const StopProfile& stop, bool along_arc);

@@ -425,7 +425,7 @@ void JointLimitMeter::Reset() {
     for (int i = 0; i < n_; ++i) last_[i] = before_[i] = 0.0;
 }
 
-double JointLimitMeter::Step(const double* increment) {
+double JointLimitMeter::Step(const double* increment, double* orders) {
     // Largest ratio of each order; the roots are taken once. A joint without
     // usable limits, or a set-point that is not a number, needs more than any
     // slow-down gives.
@@ -439,7 +439,10 @@ double JointLimitMeter::Step(const double* increment) {
         before_[i] = last_[i];
         last_[i] = d;
     }
-    return std::fmax(speed, std::fmax(std::sqrt(acceleration), std::cbrt(jerk)));
+    const double need[3] = {speed, std::sqrt(acceleration), std::cbrt(jerk)};
+    if (orders != nullptr)
+        for (int o = 0; o < 3; ++o) orders[o] = std::fmax(orders[o], need[o]);
+    return std::fmax(need[0], std::fmax(need[1], need[2]));
 }
 
 ArmOutput::ArmOutput(Robot* robot, double period, bool joint_samples)
@@ -641,15 +644,24 @@ double FitMove(Robot* robot, Slow slow, Simulate simulate) {
     double step_at[kMaxJointNum] = {};
     {
         QuietStdout quiet;
+        bool fails = false;  // the move as programmed cannot be computed to its end
         for (int pass = 0; pass < kMaxScalingPasses; ++pass) {
             JointLimitProbe probe(robot, 1);
             if (simulate(probe) < 0) {
-                // Slowed down, a stream that ran as programmed meets a pose
-                // it cannot solve: it passes that close to a singularity.
-                beyond = pass > 0;
-                break;
+                if (pass == 0) {
+                    // Refused where it fails (before motion with the
+                    // pre-flight on): slowed as it needs up to there.
+                    fails = true;
+                } else if (!fails) {
+                    // Slowed down, a stream that ran as programmed meets a
+                    // pose it cannot solve: it passes that close to a
+                    // singularity.
+                    beyond = true;
+                    break;
+                }
+            } else {
+                probe.Finish();
             }
-            probe.Finish();
             const double need = probe.Need(0);
             if (need <= kScalingWithin) return k;
             k *= need * (1.0 + kScalingMargin);

@@ -178,7 +178,9 @@ public:
     // joints, the largest of the speed ratio, the square root of the
     // acceleration ratio and the cube root of the jerk ratio (1 or less:
     // within). nullptr: a period at rest.
-    double Step(const double* increment);
+    // orders (when given): the same three needs apart, speed first, each
+    // raised to the largest seen.
+    double Step(const double* increment, double* orders = nullptr);
 
 private:
     int n_ = 0;

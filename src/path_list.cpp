@@ -224,8 +224,19 @@ namespace {
 // joint angles, rad): every move's segment, the blend lengths where two moves
 // meet, no blend into the first or out of the last.
 void PrepareBlendedRun(Robot* robot, InterpolationData* table, int count, const double* start) {
-    CopyJoints(start, table[0].start_position, JointCount(robot));
+    const int n = JointCount(robot);
+    CopyJoints(start, table[0].start_position, n);
     for (int i = 0; i < count; ++i) {
+        if (i > 0 && table[i - 1].type != kMoveJoint && std::isfinite(table[i - 1].total_time)) {
+            // A line or an arc ends on its end pose's inverse kinematics,
+            // not exactly on its programmed joints: the next move starts
+            // there, so the blend's superposition hands over without a step.
+            double end[kMaxJointNum];
+            CopyJoints(table[i - 1].target_position, end, n);
+            QuietStdout quiet;  // an end the kinematics cannot solve is refused by the stream itself
+            if (table[i - 1].MovePathFlow(robot, end, table[i - 1].total_time) == 0)
+                CopyJoints(end, table[i].start_position, n);
+        }
         table[i].MovePreProcess(robot);
         if (i > 0) {
             // Blend length: the shorter of the two phases that meet (on a tie
@@ -321,11 +332,11 @@ int RunActions(const ProgramActions& actions, int* line, Output& output) {
 // again. Only once no move is beyond on its own are the moves that meet
 // beyond the limits (a blend, a junction) slowed together.
 // Every move starts at 1 (as programmed); with the switch off it stays there.
-// A run that cannot be computed leaves the whole run as programmed (its
-// stream is refused where it fails); a move that would need more than
-// kMaxSlowDown, or whose slowed stream cannot be computed where the
-// programmed one could, refuses the run (-1, with its line and the
-// singularity).
+// A run that cannot be computed is refused where it fails (before motion
+// with the pre-flight on); the moves up to the failing one are slowed as
+// they need up to where it fails. A move that would need more than kMaxSlowDown, or whose slowed
+// stream cannot be computed where the programmed one could, refuses the run
+// (-1, with its line and the singularity).
 template <typename Simulate>
 int FitRunToJointLimits(Robot* robot, InterpolationData* table, int count, Simulate simulate) {
     if (robot == nullptr || table == nullptr || count <= 0) return 0;
@@ -334,26 +345,37 @@ int FitRunToJointLimits(Robot* robot, InterpolationData* table, int count, Simul
     int beyond = -1;  // a move no slow-down up to kMaxSlowDown helps
     int slowed = -1;  // the move slowed most by the last pass measured
     double step_at[kMaxJointNum] = {};
-    bool computed = true;
+    int failing_line = 0;  // where the run as programmed cannot be computed (0: nowhere)
     {
         QuietStdout quiet;  // the pre-flight or the stream prints what fails
         for (int pass = 0; pass < kMaxScalingPasses; ++pass) {
             JointLimitProbe probe(robot, count);
             int line = 0;
-            if (simulate(probe, &line) < 0) {
-                // Slowed down, a stream that ran as programmed meets a pose
-                // it cannot solve: it passes that close to a singularity.
-                if (slowed >= 0) beyond = slowed;
-                computed = false;
-                break;
+            const int simulated = simulate(probe, &line);
+            if (simulated < 0) {
+                if (pass == 0) {
+                    failing_line = line > 0 ? line : -1;
+                } else if (line != failing_line) {
+                    // Slowed down, a stream that ran as programmed meets a
+                    // pose it cannot solve: it passes that close to a
+                    // singularity.
+                    if (slowed >= 0) beyond = slowed;
+                    break;
+                }
+            } else {
+                probe.Finish();
             }
-            probe.Finish();
+            // A run that fails on the way (refused there, before motion
+            // with the pre-flight on) still has its moves up to the failing
+            // one slowed as they need up to where it fails; those after it
+            // keep their timing.
+            auto measured = [&](int i) { return failing_line == 0 || table[i].line_number <= failing_line; };
             bool own = false;
-            for (int i = 0; i < count; ++i) own = own || !(probe.Need(i) <= kScalingWithin);
+            for (int i = 0; i < count; ++i) own = own || (measured(i) && !(probe.Need(i) <= kScalingWithin));
             bool within = true;
             for (int i = 0; i < count && beyond < 0; ++i) {
                 const double need = own ? probe.Need(i) : probe.SharedNeed(i);
-                if (need <= kScalingWithin) continue;
+                if (!measured(i) || need <= kScalingWithin) continue;
                 within = false;
                 if (slowed < 0 || need > probe.Need(slowed)) {
                     slowed = i;
@@ -365,12 +387,15 @@ int FitRunToJointLimits(Robot* robot, InterpolationData* table, int count, Simul
                     for (int j = 0; j < kMaxJointNum; ++j) step_at[j] = probe.LargestStepAt(i)[j];
                 }
             }
-            if (within || beyond >= 0) break;
+            if (within || beyond >= 0 || failing_line < 0) break;
         }
     }
-    if (computed && beyond < 0) return 0;
+    if (beyond < 0) {
+        if (failing_line < 0)  // failed before any line: nothing measured
+            for (int i = 0; i < count; ++i) table[i].slow_down = 1.0;
+        return 0;
+    }
     for (int i = 0; i < count; ++i) table[i].slow_down = 1.0;
-    if (beyond < 0) return 0;
     std::cout << "Line " << table[beyond].line_number << ": the path passes through or too near "
               << NearestSingularity(robot, step_at) << ": refused before motion." << std::endl;
     return -1;

@@ -769,8 +769,11 @@ void Run(const Case& c, Outcome* o) {
     // to the speed and acceleration limits only.
     // With the pre-flight off a stream that fails on the way runs up to the
     // failing period and stops there dead, as described: not measured.
-    o->ran_to_refusal = c.preflight_off && o->result == -1 && !KnownRefusal(o->out).empty() &&
-                        o->out.find("refused before motion") == std::string::npos;
+    // A replay with the pre-flight off replays its file as it stands (the
+    // pre-flight is what holds a file to the limits): not measured either.
+    o->ran_to_refusal = c.preflight_off && ((o->result == -1 && !KnownRefusal(o->out).empty() &&
+                                             o->out.find("refused before motion") == std::string::npos) ||
+                                            c.job == Job::kReplay);
     if (!o->ran_to_refusal) o->worst_ratio = WorstRatio(tape, c.job != Job::kReplay, &o->worst_at);
     InitStopFlag();
     const long after = tql_sim_setpoint_count(1);

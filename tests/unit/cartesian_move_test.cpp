@@ -230,17 +230,22 @@ TEST_F(CartesianMoves, UnreachablePoseMidPathEndsTheMoveAfterTheReachablePart) {
     ASSERT_NO_FATAL_FAILURE(MoveTo(start));
     AccDecDate slow = line_;  // so the joints near the unreachable region stay within their speed
     slow.speed = 5.0;
-    // The pre-flight refuses it before any set-point; switched off, the arm
-    // moves along the reachable part and stops there.
-    for (bool preflight : {true, false}) {
+    // The scaling pass (row 8) refuses it before any set-point, naming the
+    // singularity, whatever the pre-flight says; without it the pre-flight
+    // refuses it, and with neither the arm moves along the reachable part
+    // and stops there.
+    for (int c = 0; c < 3; ++c) {
+        const bool scaling = c == 0, preflight = c == 1;
+        GetResourceDate()->cartesian_scaling_switch = scaling;
         GetResourceDate()->preflight_switch = preflight;
         tick_spy = tqltest::TickSpy();
         std::string out;
         const long before = tql_sim_setpoint_count(1);
         EXPECT_EQ(Linear(start, end, &slow, &rotate_, &out), -1);
-        EXPECT_NE(out.find("Shoulder singular"), std::string::npos) << out.substr(0, 500);
+        EXPECT_NE(out.find(scaling ? "too near the shoulder singularity" : "Shoulder singular"), std::string::npos)
+            << out.substr(0, 500);
         EXPECT_EQ(tql_sim_setpoint_count(1), before + static_cast<long>(tick_spy.sent.size()));
-        if (preflight) {
+        if (scaling || preflight) {
             EXPECT_TRUE(tick_spy.sent.empty());
             continue;
         }
@@ -249,6 +254,7 @@ TEST_F(CartesianMoves, UnreachablePoseMidPathEndsTheMoveAfterTheReachablePart) {
         ExpectOnSegment(start, end, slow.speed);
     }
     GetResourceDate()->preflight_switch = true;
+    GetResourceDate()->cartesian_scaling_switch = true;
 }
 
 // A plan that is not a whole number of periods fails the internal check
