@@ -6,7 +6,8 @@
 //                         move, neither limit reached (bisection)
 //   BM_ProfileSample      one sample of a planned profile
 //   BM_LinearMoveTick     one 4 ms tick of a linear move: interpolate the pose,
-//                         inverse kinematics seeded by the previous set-point,
+//                         inverse kinematics seeded by the previous set-point
+//                         and refined on the forward kinematics (FollowPose),
 //                         set-point checks of every joint (no bus)
 //   BM_PreflightLinearMove  the pre-flight of a whole linear move
 //   BM_ScalingPassLinearMove  the scaling pass (system row 8) of the demo
@@ -126,7 +127,7 @@ void BM_LinearMoveTick(benchmark::State& state) {
         ++tick;
         for (int i = 0; i < 6; ++i) previous[i] = current[i];
         path.Interpolation(tick * PERIOD, pose);
-        if (robot.InverseKinematics(current, pose) < 0) {
+        if (robot.FollowPose(current, pose) < 0) {
             state.SkipWithError("inverse kinematics failed");
             return;
         }
@@ -228,7 +229,7 @@ void BM_StopPlannerLinearMove(benchmark::State& state) {
     for (long k = 0; k <= ticks; ++k) {
         double pose[7];
         path.Interpolation(k * PERIOD, pose);
-        if (k > 0 && robot.InverseKinematics(q, pose) < 0) {
+        if (k > 0 && robot.FollowPose(q, pose) < 0) {
             state.SkipWithError("inverse kinematics failed");
             return;
         }

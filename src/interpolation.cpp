@@ -65,7 +65,7 @@ void CartesianStartBias(Robot* robot, const double* start, double* pose, double*
         solution[i] = start[i];
     }
     QuietStdout quiet;  // a start the kinematics cannot solve fails in the stream, with its message
-    if (robot->InverseKinematics(solution, pose) < 0) return;
+    if (robot->FollowPose(solution, pose) < 0) return;
     double size = 0.0;
     for (int i = 0; i < n; ++i) size = std::fmax(size, std::fabs(solution[i] - start[i]));
     // Round-off only: anything larger is the path's own (a branch), left alone.
@@ -89,7 +89,7 @@ static int StreamCartesianPath(Robot* robot, Path& path, long ticks, double* cur
         const double t = tick * PERIOD;
         for (int i = 0; i < n; ++i) previous[i] = current[i];
         path.Interpolation(t, pose);
-        if (robot->InverseKinematics(solution, pose) < 0) return -1;
+        if (robot->FollowPose(solution, pose) < 0) return -1;
         const double fade = 1.0 - path.Fraction(t);
         for (int i = 0; i < n; ++i) current[i] = solution[i] - bias[i] * fade;
         if (output.Send(current, previous, 0) < 0) return -1;

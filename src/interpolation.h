@@ -158,7 +158,7 @@ int RunWithPreflight(Stream stream) {
 // default) nothing is.
 bool CartesianScalingWanted();
 constexpr double kMaxSlowDown = 100.0;
-constexpr int kMaxScalingPasses = 8;
+constexpr int kMaxScalingPasses = 16;
 constexpr double kScalingMargin = 0.01;
 // A need up to this counts as within the limits (rounding of the differences).
 constexpr double kScalingWithin = 1.0 + 1e-9;

@@ -231,6 +231,45 @@ int Robot::InverseKinematics(double* q, double* pose) {
     return ik_ur(q, T, L) < 0 ? -1 : 0;
 }
 
+int Robot::FollowPose(double* q, double* pose) {
+    if (InverseKinematics(q, pose) < 0) return -1;
+    double a[6], d[6], L[6];
+    for (int i = 0; i < 6; ++i) {
+        a[i] = link_[i].mdh_[2];
+        d[i] = link_[i].mdh_[3];
+    }
+    GeometryFromDh(a, d, L);
+    double target[4][4];
+    UnitQuaternionToMatrix(target, pose);
+    for (int step = 0; step < 2; ++step) {
+        double T[4][4];
+        fk_ur(q, T, L);
+        // Position error (mm) and orientation error (rad, base frame: half
+        // the sum of the columns' cross products, exact for small angles).
+        double e[6];
+        for (int i = 0; i < 3; ++i) e[i] = target[i][3] - T[i][3];
+        for (int i = 0; i < 3; ++i) e[3 + i] = 0.0;
+        for (int c = 0; c < 3; ++c) {
+            e[3] += 0.5 * (T[1][c] * target[2][c] - T[2][c] * target[1][c]);
+            e[4] += 0.5 * (T[2][c] * target[0][c] - T[0][c] * target[2][c]);
+            e[5] += 0.5 * (T[0][c] * target[1][c] - T[1][c] * target[0][c]);
+        }
+        double J[36];
+        calculate_jacobian_ur(a, d, q, J);
+        if (inverse_matrix(J, 6) < 0) return 0;
+        double dq[6], largest = 0.0;
+        for (int i = 0; i < 6; ++i) {
+            dq[i] = 0.0;
+            for (int k = 0; k < 6; ++k) dq[i] += J[6 * i + k] * e[k];
+            largest = std::fmax(largest, std::fabs(dq[i]));
+        }
+        if (!(largest <= kFollowStepLimit)) return 0;
+        for (int i = 0; i < 6; ++i) q[i] += dq[i];
+        if (largest < 1e-13) break;
+    }
+    return 0;
+}
+
 void ModifiedDhFromLengths(const double* lengths, double* a, double* d) {
     for (int i = 0; i < 6; ++i) a[i] = d[i] = 0.0;
     d[0] = lengths[0];

@@ -153,6 +153,14 @@ public:
     int CheckWorkspace(double* q, double* q_last, bool report = true);
     // q holds the seed on entry and the solution on success.
     int InverseKinematics(double* q, double* pose);
+    // InverseKinematics, then up to two Newton steps on the forward
+    // kinematics (the flange Jacobian): the closed form leaves errors of up
+    // to about 1e-6 rad that jump from one pose to the next (its angles are
+    // wrapped with the system's truncated pi), which a stream of set-points
+    // would show as jerk. A step larger than kFollowStepLimit rad (near a
+    // singularity) is not taken. 0, or -1 as InverseKinematics.
+    int FollowPose(double* q, double* pose);
+    static constexpr double kFollowStepLimit = 1e-5;
 
     // Joint torques [N*m] of the dynamic model for user-zero q, dq, ddq, with
     // the robot's own geometry and the parameter record's 36 parameters.

@@ -209,7 +209,7 @@ int InterpolationData::MovePathFlow(Robot* robot, double* joint, double t) {
             linear_path.Interpolation(t, pose);
         else
             circular_path.Interpolation(t, pose);
-        if (robot->InverseKinematics(joint, pose) < 0) return -1;
+        if (robot->FollowPose(joint, pose) < 0) return -1;
         for (int j = 0; j < n; ++j) joint[j] -= ik_bias[j] * fade;
         return 0;
     }
