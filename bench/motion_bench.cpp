@@ -100,18 +100,23 @@ void LinearMoveEnds(double* start, double* end) {
     }
 }
 
+// Plans the benchmarked linear move on the demo robot; false (the state
+// skipped with an error) when it cannot be planned.
+bool PlanLinearMove(benchmark::State& state, Robot* robot, double* start, double* end, LinearPath* path) {
+    SetUpDemoRobot(robot);
+    LinearMoveEnds(start, end);
+    AccDecDate line = robot->line_speed_data_;
+    AccDecDate rotate = robot->rotate_speed_data_;
+    if (MoveLinearPreprocess(robot, start, end, path, &line, &rotate) == 0) return true;
+    state.SkipWithError("planning failed");
+    return false;
+}
+
 void BM_LinearMoveTick(benchmark::State& state) {
     Robot robot;
-    SetUpDemoRobot(&robot);
     double start[6], end[6];
-    LinearMoveEnds(start, end);
     LinearPath path;
-    AccDecDate line = robot.line_speed_data_;
-    AccDecDate rotate = robot.rotate_speed_data_;
-    if (MoveLinearPreprocess(&robot, start, end, &path, &line, &rotate) < 0) {
-        state.SkipWithError("planning failed");
-        return;
-    }
+    if (!PlanLinearMove(state, &robot, start, end, &path)) return;
     const long ticks = std::lround(path.tall_ / PERIOD);
 
     double current[kMaxJointNum];
@@ -212,16 +217,9 @@ BENCHMARK(BM_ScalingPassLinearMove)->Unit(benchmark::kMicrosecond);
 // brake's periods.
 void BM_StopPlannerLinearMove(benchmark::State& state) {
     Robot robot;
-    SetUpDemoRobot(&robot);
     double start[6], end[6];
-    LinearMoveEnds(start, end);
     LinearPath path;
-    AccDecDate line = robot.line_speed_data_;
-    AccDecDate rotate = robot.rotate_speed_data_;
-    if (MoveLinearPreprocess(&robot, start, end, &path, &line, &rotate) < 0) {
-        state.SkipWithError("planning failed");
-        return;
-    }
+    if (!PlanLinearMove(state, &robot, start, end, &path)) return;
     const long ticks = std::lround(path.tall_ / PERIOD);
     std::vector<double> stream(static_cast<size_t>(ticks + 1) * 6);
     double q[6];

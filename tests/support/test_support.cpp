@@ -22,6 +22,7 @@
 #include "execute.h"
 #include "instruction.h"
 #include "interface.h"
+#include "program.h"
 #include "sim_control.h"
 #include "timing.h"
 
@@ -70,6 +71,16 @@ std::vector<double> SetPointTimes(const std::string& csv, int id) {
             times.push_back(t);
     }
     return times;
+}
+
+int LoadProgram(const std::vector<std::string>& lines, InterpolationData* table) {
+    std::list<InstructionUnit> list = DecodeLines(lines);
+    Robot* robot = GetCurrentRobot();
+    double current[kMaxJointNum] = {};
+    robot->GetCurrentMachineJoint(current);
+    int count = 0;
+    EXPECT_GE(InstructionDataToMoveData(&list, table, current, robot, &count), 0);
+    return count;
 }
 
 std::list<InstructionUnit> DecodeLines(const std::vector<std::string>& lines) {

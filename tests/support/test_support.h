@@ -18,6 +18,7 @@
 #include "sim_control.h"
 
 struct InstructionUnit;
+struct InterpolationData;
 
 namespace tqltest {
 
@@ -178,6 +179,9 @@ void TickSleep(double seconds);
 // Decodes program lines given in memory (no file) into instruction records,
 // line numbers from 1; each line must decode.
 std::list<InstructionUnit> DecodeLines(const std::vector<std::string>& lines);
+// The lines decoded into the move table of the booted robot, from its
+// present joints; the number of moves (each line must convert).
+int LoadProgram(const std::vector<std::string>& lines, InterpolationData* table);
 
 std::string ReadFile(const std::string& path);
 void WriteFile(const std::string& path, const std::string& text);

@@ -118,14 +118,7 @@ protected:
         ASSERT_EQ(tqltest::Quiet([&] { return MoveToSpecifiedPosition(target.data()); }), 0);
         tick_spy.sent.clear();
     }
-    int Load(const std::vector<std::string>& lines) {
-        std::list<InstructionUnit> list = tqltest::DecodeLines(lines);
-        double current[kMaxJointNum] = {};
-        robot_->GetCurrentMachineJoint(current);
-        int count = 0;
-        EXPECT_GE(InstructionDataToMoveData(&list, table_.get(), current, robot_, &count), 0);
-        return count;
-    }
+    int Load(const std::vector<std::string>& lines) { return tqltest::LoadProgram(lines, table_.get()); }
     // Runs `stream` from `start` with a stop after `stop_at` periods (-1:
     // none); the set-points sent go to *sent.
     int Run(const Joints& start, const std::function<int()>& stream, long stop_at, std::vector<Joints>* sent) {

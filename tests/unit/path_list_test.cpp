@@ -42,14 +42,7 @@ protected:
         SimulatedArmTest::TearDown();
     }
     // Converts the lines into the table from the arm's present joints.
-    int Load(const std::vector<std::string>& lines) {
-        std::list<InstructionUnit> list = tqltest::DecodeLines(lines);
-        double current[kMaxJointNum] = {};
-        robot_->GetCurrentMachineJoint(current);
-        int count = 0;
-        EXPECT_GE(InstructionDataToMoveData(&list, table_.get(), current, robot_, &count), 0);
-        return count;
-    }
+    int Load(const std::vector<std::string>& lines) { return tqltest::LoadProgram(lines, table_.get()); }
     // Runs the table; the commands go to tick_spy.commands, the printed text to out_.
     int Run(Runner runner, int count) {
         tick_spy.sent.clear();
