@@ -83,6 +83,26 @@ struct Faults {
 };
 
 // What sim.conf and the environment select.
+// Something in the arm's way: a sphere (size[0] its radius) or a box
+// (size its three edge lengths, axes of the base frame), base frame, m. The
+// links, capsules of Config::link_radius along each link, are pushed back by
+// stiffness * depth + damping * depth rate (N/m, N*s/m) where they reach in.
+struct Obstacle {
+    bool box = false;
+    double centre[3] = {0.0, 0.0, 0.0};
+    double size[3] = {0.0, 0.0, 0.0};
+    double stiffness = 5000.0;
+    double damping = 50.0;
+};
+
+// A scripted external torque on one joint (tql_sim_torque_pulse).
+struct TorquePulse {
+    int joint = 0;
+    double at = 0.0;        // bus time it starts, s
+    double torque = 0.0;    // N*m
+    double duration = 0.0;  // s
+};
+
 struct Config {
     std::vector<uint8_t> ids{1, 2, 3, 4, 5, 6};
     std::string ip_address = "192.168.1.30";
@@ -98,6 +118,8 @@ struct Config {
     Drive drive;                        // every actuator's drive train ...
     std::map<uint8_t, Drive> drive_per_id;  // ... unless given for one actuator
     std::vector<ScriptedInterrupt> interrupts;  // sim.conf "interrupt_at"
+    std::vector<Obstacle> obstacles;  // sim.conf "obstacle" lines, or TQL_SIM_OBSTACLE
+    double link_radius = 0.04;        // m, the links' capsules for contacts
     int view_port = 0;      // live view's loopback port (sim_view.h), 0 = off
     std::string view_root;  // its page's files; empty: the installed or built bundle
 
@@ -209,7 +231,16 @@ struct Physics {
     std::vector<HandRow> hand;
     size_t hand_row = 0;  // interpolation cursor
     double hand_origin = -1.0;  // bus time of the first switch to current mode, -1 before
+    // Contacts: each obstacle's last depth (m) and its time, for the damping.
+    std::vector<double> depth, depth_time;
+    std::vector<double> link_points;  // work space
+    std::vector<Contact> contacts;
+    double contacts_recorded = -1.0;  // bus time of the last "contact" rows
+    std::vector<TorquePulse> pulses;
 };
+
+// The scripted external torque on joint j at bus time t (N*m).
+double ExternalTorque(const Physics& p, int j, double t);
 
 struct Bus {
     std::mutex mutex;
@@ -284,6 +315,9 @@ bool Moving(const SimActuator& a);
 // peak current). A reading draws from the actuator's noise stream.
 double LiveVelocity(Bus& bus, const SimActuator& a, double now);
 double LiveCurrent(Bus& bus, const SimActuator& a, double now);
+// A position-mode actuator's current holding its set-point (A, no noise, not
+// limited to the peak).
+double HoldingCurrent(Bus& bus, const SimActuator& a, double now);
 // Restarts the set-point reference at the present position (enable, mode switch).
 void RestartReference(SimActuator& a, double now);
 // An applied position-mode set-point (raw revolutions) enters the commanded motion.
@@ -296,6 +330,10 @@ void NoteAppliedSetpoint(SimActuator& a, double raw, double now);
 // starts the hand's clock at the first switch to current mode.
 void LoadPhysics(Bus& bus);
 void AdvanceWorld(Bus& bus, double now);
+// The obstacles' contacts with the links at joint angles q (rad) into the
+// world (none without obstacles), and each into the flight recorder as a
+// "contact" row (id: the link, 1-based; value: the force, N).
+void UpdateContacts(Bus& bus, const double* q, double now);
 void NoteCurrentMode(Bus& bus, double now);
 // Joint angle of an actuator (rad): the world's when loaded, else converted.
 double JointAngle(const Bus& bus, const SimActuator& a);

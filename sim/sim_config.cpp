@@ -158,6 +158,49 @@ bool ParseInterrupts(const std::string& text, std::vector<ScriptedInterrupt>* in
     return true;
 }
 
+// One obstacle of sim.conf: "sphere X Y Z R [K B]" or "box X Y Z SX SY SZ
+// [K B]" (mm; stiffness N/mm, damping N*s/mm), appended to *obstacles.
+bool ParseObstacle(const std::string& text, std::vector<Obstacle>* obstacles) {
+    const std::vector<std::string> items = SplitItems(text);
+    if (items.empty() || (items[0] != "sphere" && items[0] != "box")) return false;
+    Obstacle o;
+    o.box = items[0] == "box";
+    const size_t shape = o.box ? 6 : 4;
+    if (items.size() != 1 + shape && items.size() != 3 + shape) return false;
+    double v[8] = {};
+    for (size_t k = 1; k < items.size(); ++k)
+        if (!ParseDouble(items[k], &v[k - 1])) return false;
+    for (int k = 0; k < 3; ++k) o.centre[k] = v[k] * 1e-3;
+    for (size_t k = 3; k < shape; ++k) {
+        if (!(v[k] > 0.0)) return false;
+        o.size[k - 3] = v[k] * 1e-3;
+    }
+    if (items.size() == 3 + shape) {
+        if (!(v[shape] > 0.0) || !(v[shape + 1] >= 0.0)) return false;
+        o.stiffness = v[shape] * 1e3;
+        o.damping = v[shape + 1] * 1e3;
+    }
+    obstacles->push_back(o);
+    return true;
+}
+
+// TQL_SIM_OBSTACLE: spheres "x,y,z,r" (mm) separated by ";", or "none".
+bool ParseObstacleSpheres(const std::string& text, std::vector<Obstacle>* obstacles) {
+    std::vector<Obstacle> out;
+    if (text != "none") {
+        size_t start = 0;
+        for (;;) {
+            const size_t end = text.find(';', start);
+            const std::string one = text.substr(start, end == std::string::npos ? std::string::npos : end - start);
+            if (SplitItems(one).size() != 4 || !ParseObstacle("sphere " + one, &out)) return false;
+            if (end == std::string::npos) break;
+            start = end + 1;
+        }
+    }
+    *obstacles = out;
+    return true;
+}
+
 // The live view's port: 1..65535, or off ("", "0" or "none" = 0).
 bool ParseViewPort(const std::string& value, int* port) {
     if (value.empty() || value == "none") {
@@ -235,6 +278,13 @@ bool ApplyKey(ConfigDraft& d, const std::string& key, const std::string& value) 
         return true;
     }
     if (key == "interrupt_at") return ParseInterrupts(value, &c.interrupts);
+    if (key == "obstacle") return ParseObstacle(value, &c.obstacles);
+    if (key == "link_radius") {
+        double mm = 0.0;
+        if (!ParseDouble(value, &mm) || !(mm > 0.0)) return false;
+        c.link_radius = mm * 1e-3;
+        return true;
+    }
     if (key == "view") return ParseViewPort(value, &c.view_port);
     if (key == "view_root") {
         c.view_root = value;
@@ -313,6 +363,11 @@ void ApplyEnvironment(ConfigDraft& d) {
     if (const char* v = Env("TQL_SIM_INTERRUPT")) {
         if (!ParseInterrupts(std::string(v) == "none" ? "" : v, &d.config.interrupts))
             std::fprintf(stderr, "sim: ignoring TQL_SIM_INTERRUPT=%s (expected bus seconds >= 0, or none)\n", v);
+    }
+    if (const char* v = Env("TQL_SIM_OBSTACLE")) {
+        if (!ParseObstacleSpheres(v, &d.config.obstacles))
+            std::fprintf(stderr, "sim: ignoring TQL_SIM_OBSTACLE=%s (expected x,y,z,r in mm, ';' between, or none)\n",
+                         v);
     }
     if (const char* v = Env("TQL_SIM_VIEW")) {
         if (!ParseViewPort(v, &d.config.view_port))

@@ -173,4 +173,12 @@ void tql_sim_set_current_noise(double fraction) {
     for (tqlsim::Drive& d : call.bus.physics.drive) d.current_noise = fraction;
 }
 
+void tql_sim_torque_pulse(int id, double at, double torque, double duration) {
+    BusCall call;
+    const SimActuator* a = FindId(call, id);
+    if (a == nullptr || !std::isfinite(at + torque + duration) || !(duration > 0.0)) return;
+    call.bus.physics.pulses.push_back(tqlsim::TorquePulse{a->joint, at, torque, duration});
+    ++call.bus.physics.generation;
+}
+
 }  // extern "C"

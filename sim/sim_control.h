@@ -97,6 +97,12 @@ double tql_sim_joint_rate(int id);
 // fraction of its peak current (0 = exact readings). Negative or non-finite
 // values are ignored.
 void tql_sim_set_current_noise(double fraction);
+// An external torque on the joint actuator `id` drives, from bus time `at`
+// for `duration` seconds (N*m, in the joint's positive sense), as a hand or
+// an impact would push: a position-mode drive holds against it (its current
+// shows it), a free joint is pushed. Pulses add up; a reset clears them.
+// Ignored for an unknown id or values that are not finite.
+void tql_sim_torque_pulse(int id, double at, double torque, double duration);
 
 #ifdef __cplusplus
 }

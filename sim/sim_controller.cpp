@@ -173,6 +173,13 @@ void ActuatorController::setPosition(uint8_t id, double pos, const std::string&)
     a->step_time = call.now;
     a->raw_position = target + a->homing_offset;
     tqlsim::NoteAppliedSetpoint(*a, a->raw_position, call.now);
+    // Held against a contact beyond its peak current, the drive trips.
+    if (call.bus.physics.world.loaded() && !call.bus.config.obstacles.empty()) {
+        const double amps = tqlsim::HoldingCurrent(call.bus, *a, call.now);
+        if (!call.bus.physics.world.contacts().empty() &&
+            std::fabs(amps) > call.bus.physics.drive[a->joint].peak_current)
+            tqlsim::RaiseError(call, *a, Actuator::ERR_DRV_PROTECTION);
+    }
 }
 
 void ActuatorController::setVelocity(uint8_t id, double vel, const std::string&) {

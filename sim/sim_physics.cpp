@@ -40,8 +40,117 @@ void CommandedMotion(const SimActuator& a, double now, double* rate, double* acc
     *acc = (v1 - v2) / (0.5 * (h1 + h2));
 }
 
+// The point of segment a-b nearest to c, as the fraction along it.
+double Nearest(const double* a, const double* b, const double* c) {
+    double ab2 = 0.0, t = 0.0;
+    for (int k = 0; k < 3; ++k) {
+        ab2 += (b[k] - a[k]) * (b[k] - a[k]);
+        t += (c[k] - a[k]) * (b[k] - a[k]);
+    }
+    return ab2 > 0.0 ? std::clamp(t / ab2, 0.0, 1.0) : 0.0;
+}
+
+// How deep a ball of radius r at p reaches into obstacle o (m, > 0 when it
+// does) and the unit normal pushing it out.
+double Depth(const Obstacle& o, const double* p, double r, double* normal) {
+    if (!o.box) {
+        double d[3], len = 0.0;
+        for (int k = 0; k < 3; ++k) {
+            d[k] = p[k] - o.centre[k];
+            len += d[k] * d[k];
+        }
+        len = std::sqrt(len);
+        for (int k = 0; k < 3; ++k) normal[k] = len > 0.0 ? d[k] / len : (k == 2 ? 1.0 : 0.0);
+        return o.size[0] + r - len;
+    }
+    // Box: outside, from the nearest point of its surface; inside, out of
+    // the nearest face.
+    double outside[3], out2 = 0.0, inside = HUGE_VAL;
+    int face = 2;
+    for (int k = 0; k < 3; ++k) {
+        const double half = 0.5 * o.size[k], rel = p[k] - o.centre[k];
+        outside[k] = rel - std::clamp(rel, -half, half);
+        out2 += outside[k] * outside[k];
+        if (half - std::fabs(rel) < inside) inside = half - std::fabs(rel), face = k;
+    }
+    if (out2 > 0.0) {
+        const double len = std::sqrt(out2);
+        for (int k = 0; k < 3; ++k) normal[k] = outside[k] / len;
+        return r - len;
+    }
+    for (int k = 0; k < 3; ++k) normal[k] = 0.0;
+    normal[face] = p[face] >= o.centre[face] ? 1.0 : -1.0;
+    return r + inside;
+}
+
+}  // namespace
+
+void UpdateContacts(Bus& bus, const double* q, double now) {
+    Physics& p = bus.physics;
+    const std::vector<Obstacle>& obstacles = bus.config.obstacles;
+    if (obstacles.empty() || !p.world.loaded()) return;
+    const int n = p.world.joints();
+    p.link_points.resize(3 * static_cast<size_t>(n + 1));
+    double* points = p.link_points.data();
+    p.world.LinkPoints(q, points);
+    if (p.depth.size() != obstacles.size()) {
+        p.depth.assign(obstacles.size(), 0.0);
+        p.depth_time.assign(obstacles.size(), now);
+    }
+    const double r = bus.config.link_radius;
+    std::vector<Contact>& contacts = p.contacts;
+    contacts.clear();
+    // Each obstacle pushes the one link that reaches deepest into it (the
+    // capsules overlap at the joints: a contact there is one contact).
+    for (size_t k = 0; k < obstacles.size(); ++k) {
+        const Obstacle& o = obstacles[k];
+        int link = -1;
+        double best = 0.0, normal[3] = {0.0, 0.0, 1.0}, at[3] = {0.0, 0.0, 0.0};
+        for (int i = 0; i < n; ++i) {
+            const double* a = &points[3 * i];
+            const double* b = &points[3 * (i + 1)];
+            // The capsule's deepest point: nearest the sphere's centre, or
+            // the deepest of nine along the link for a box.
+            for (int s = 0; s <= (o.box ? 8 : 0); ++s) {
+                const double u = o.box ? s / 8.0 : Nearest(a, b, o.centre);
+                double point[3], nrm[3];
+                for (int c = 0; c < 3; ++c) point[c] = a[c] + u * (b[c] - a[c]);
+                const double depth = Depth(o, point, r, nrm);
+                if (depth < best || (depth == best && link >= 0 && depth > 0.0 && i < link)) continue;
+                if (!(depth > 0.0)) continue;
+                best = depth;
+                link = i;
+                for (int c = 0; c < 3; ++c) normal[c] = nrm[c], at[c] = point[c] - r * nrm[c];
+            }
+        }
+        double& before = p.depth[k];
+        double& when = p.depth_time[k];
+        const double rate = now > when ? (best - before) / (now - when) : 0.0;
+        before = best;
+        when = now;
+        if (link < 0) continue;
+        const double push = std::max(o.stiffness * best + o.damping * rate, 0.0);
+        Contact contact;
+        contact.link = link;
+        for (int c = 0; c < 3; ++c) contact.point[c] = at[c], contact.force[c] = push * normal[c];
+        contacts.push_back(contact);
+        if (now > p.contacts_recorded) bus.recorder.Row(now, link + 1, 0, "contact", push);
+    }
+    if (!contacts.empty()) p.contacts_recorded = now;
+    p.world.SetContacts(contacts);
+}
+
+double ExternalTorque(const Physics& p, int j, double t) {
+    double torque = 0.0;
+    for (const TorquePulse& pulse : p.pulses)
+        if (pulse.joint == j && t >= pulse.at && t < pulse.at + pulse.duration) torque += pulse.torque;
+    return torque;
+}
+
+namespace {
+
 // Inverse dynamics of every joint's commanded motion, once per bus time and
-// command generation.
+// command generation, against the contacts there.
 void UpdateReadings(Bus& bus, double now) {
     Physics& p = bus.physics;
     if (p.cache_time == now && p.cache_generation == p.generation) return;
@@ -55,7 +164,9 @@ void UpdateReadings(Bus& bus, double now) {
         p.dq[j] = Free(a) ? p.world.dq()[j] : ToJoint(d, rate);
         p.ddq[j] = ToJoint(d, acc);
     }
+    UpdateContacts(bus, p.q.data(), now);
     p.world.InverseDynamics(p.q.data(), p.dq.data(), p.ddq.data(), p.tau.data());
+    for (size_t j = 0; j < p.tau.size(); ++j) p.tau[j] -= ExternalTorque(p, static_cast<int>(j), now);
     for (const SimActuator& a : bus.actuators) {
         const Drive& d = p.drive[a.joint];
         p.cached_current[a.joint] = p.tau[a.joint] / (d.torque_constant * d.direction);
@@ -169,6 +280,10 @@ void LoadPhysics(Bus& bus) {
     p.hand.clear();
     p.hand_row = 0;
     p.hand_origin = -1.0;
+    p.pulses.clear();
+    p.depth.clear();
+    p.depth_time.clear();
+    p.contacts_recorded = -1.0;
     p.time = BusNow();
     p.cache_time = -1.0;
     for (SimActuator& a : bus.actuators) a.joint = -1;
@@ -266,6 +381,10 @@ void AdvanceWorld(Bus& bus, double now) {
     if (p.hand.empty()) ApplyHand(p, -1.0);  // no hand: springs and dampers off
     for (double s = 0.0; s < steps; s += 1.0) {
         if (!p.hand.empty()) ApplyHand(p, start + s * h - p.hand_origin);
+        UpdateContacts(bus, w.q(), start + s * h);
+        for (const SimActuator& a : bus.actuators)
+            drive[a.joint].motor = a.current_command * p.drive[a.joint].torque_constant * p.drive[a.joint].direction +
+                                   ExternalTorque(p, a.joint, start + s * h);
         w.Step(h);
     }
     for (SimActuator& a : bus.actuators) {
@@ -283,9 +402,16 @@ double LiveCurrent(Bus& bus, const SimActuator& a, double now) {
     double amps = a.current_command;
     if (a.mode != Actuator::Mode_Cur) {
         UpdateReadings(bus, now);
-        amps = p.cached_current[a.joint];
+        // A drive delivers at most its peak (beyond it, it trips: setPosition).
+        const double peak = p.drive[a.joint].peak_current;
+        amps = std::clamp(p.cached_current[a.joint], -peak, peak);
     }
     return amps + Noise(p, a.joint);
+}
+
+double HoldingCurrent(Bus& bus, const SimActuator& a, double now) {
+    UpdateReadings(bus, now);
+    return bus.physics.cached_current[a.joint];
 }
 
 double WorldRpm(const Bus& bus, const SimActuator& a) {

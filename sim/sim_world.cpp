@@ -14,6 +14,7 @@
 #include <fstream>
 #include <kdl/chain.hpp>
 #include <kdl/chaindynparam.hpp>
+#include <kdl/chainfksolverpos_recursive.hpp>
 #include <kdl/chainidsolver_recursive_newton_euler.hpp>
 #include <sstream>
 #endif
@@ -84,6 +85,9 @@ struct World::Impl {
     // The solvers keep a reference to `chain`: Impl never moves once built.
     std::unique_ptr<KDL::ChainIdSolver_RNE> id;
     std::unique_ptr<KDL::ChainDynParam> dyn;
+    std::unique_ptr<KDL::ChainFkSolverPos_recursive> fk;
+    std::vector<int> link_segment;  // the chain segment each actuated link is
+    KDL::Wrenches wrenches;         // the contacts, per segment (its frame, about its origin)
     // Work space, sized once at load.
     KDL::JntArray jq, jdq, jddq, jtau;
     KDL::Wrenches no_wrenches;
@@ -94,6 +98,9 @@ struct World::Impl {
 
     bool Build(const urdf::ModelInterface& model, std::string* problem);
     void Allocate();
+    // The contacts as KDL wants them: on each segment, in its frame at the
+    // joint angles in jq, about its origin.
+    const KDL::Wrenches& ContactWrenches(const std::vector<Contact>& contacts);
 };
 
 bool World::Impl::Build(const urdf::ModelInterface& model, std::string* problem) {
@@ -126,6 +133,7 @@ bool World::Impl::Build(const urdf::ModelInterface& model, std::string* problem)
             axis.Normalize();
             // Turns about the axis through the joint origin: child frame = origin * Rot(axis, q).
             joint = KDL::Joint(j->name, origin.p, origin.M * axis, KDL::Joint::RotAxis);
+            link_segment.push_back(static_cast<int>(chain.getNrOfSegments()));
             viscous.push_back(j->dynamics ? j->dynamics->damping : 0.0);
             coulomb.push_back(j->dynamics ? j->dynamics->friction : 0.0);
             links.push_back(li);
@@ -147,6 +155,8 @@ void World::Impl::Allocate() {
     const unsigned n = chain.getNrOfJoints();
     id.reset(new KDL::ChainIdSolver_RNE(chain, kGravity));
     dyn.reset(new KDL::ChainDynParam(chain, kGravity));
+    fk.reset(new KDL::ChainFkSolverPos_recursive(chain));
+    wrenches.assign(chain.getNrOfSegments(), KDL::Wrench::Zero());
     jq.resize(n);
     jdq.resize(n);
     jddq.resize(n);
@@ -160,6 +170,21 @@ void World::Impl::Allocate() {
     // allocate (and no half-built decomposition is ever copied).
     a.setIdentity();
     ldlt.compute(a);
+}
+
+const KDL::Wrenches& World::Impl::ContactWrenches(const std::vector<Contact>& contacts) {
+    if (contacts.empty()) return no_wrenches;
+    for (KDL::Wrench& f : wrenches) f = KDL::Wrench::Zero();
+    KDL::Frame frame;
+    for (const Contact& c : contacts) {
+        if (c.link < 0 || c.link >= static_cast<int>(link_segment.size())) continue;
+        const int segment = link_segment[c.link];
+        fk->JntToCart(jq, frame, segment + 1);
+        const KDL::Vector force = frame.M.Inverse(KDL::Vector(c.force[0], c.force[1], c.force[2]));
+        const KDL::Vector at = frame.Inverse(KDL::Vector(c.point[0], c.point[1], c.point[2]));
+        wrenches[segment] += KDL::Wrench(force, at * force);
+    }
+    return wrenches;
 }
 
 bool World::Built() { return true; }
@@ -199,6 +224,19 @@ void World::set_friction(bool on) {
     if (impl_) impl_->friction = on;
 }
 
+void World::LinkPoints(const double* q, double* points) const {
+    Impl& w = *impl_;
+    const int n = joints();
+    KDL::JntArray jq(n);
+    for (int i = 0; i < n; ++i) jq(i) = q[i];
+    KDL::Frame frame;
+    for (int i = 0; i <= n; ++i) {
+        const int segments = i < n ? w.link_segment[i] + 1 : static_cast<int>(w.chain.getNrOfSegments());
+        w.fk->JntToCart(jq, frame, segments);
+        for (int k = 0; k < 3; ++k) points[3 * i + k] = frame.p(k);
+    }
+}
+
 void World::InverseDynamics(const double* q, const double* dq, const double* ddq, double* tau) {
     Impl& w = *impl_;
     const int n = joints();
@@ -207,7 +245,7 @@ void World::InverseDynamics(const double* q, const double* dq, const double* ddq
         w.jdq(i) = dq[i];
         w.jddq(i) = ddq[i];
     }
-    w.id->CartToJnt(w.jq, w.jdq, w.jddq, w.no_wrenches, w.jtau);
+    w.id->CartToJnt(w.jq, w.jdq, w.jddq, w.ContactWrenches(contacts_), w.jtau);
     for (int i = 0; i < n; ++i) {
         tau[i] = w.jtau(i);
         if (!w.friction) continue;
@@ -225,8 +263,9 @@ void World::Accelerations(double h, double* ddq) {
         w.jdq(i) = drive_[i].free ? dq_[i] : 0.0;  // locked joints stand still
         w.jddq(i) = 0.0;
     }
-    // Gravity, Coriolis and centrifugal torques at zero acceleration.
-    w.id->CartToJnt(w.jq, w.jdq, w.jddq, w.no_wrenches, w.jtau);
+    // Gravity, Coriolis and centrifugal torques at zero acceleration, less
+    // what the contacts push.
+    w.id->CartToJnt(w.jq, w.jdq, w.jddq, w.ContactWrenches(contacts_), w.jtau);
     w.dyn->JntToMass(w.jq, w.mass);
     w.a = w.mass.data;
     // A locked joint's row and column become the identity with right side 0,
@@ -301,6 +340,9 @@ void World::Accelerations(double, double* ddq) {
     for (int i = 0; i < joints(); ++i) ddq[i] = 0.0;
 }
 void World::Step(double) {}
+void World::LinkPoints(const double*, double* points) const {
+    for (int i = 0; i <= joints(); ++i) points[3 * i] = points[3 * i + 1] = points[3 * i + 2] = 0.0;
+}
 
 #endif
 

@@ -27,6 +27,16 @@ struct LinkInertia {
     double inertia[6] = {0.0, 0.0, 0.0, 0.0, 0.0, 0.0};
 };
 
+// An external force on one link: where it acts and how hard (base frame, m
+// and N). Contacts act in both directions of the dynamics: the inverse
+// dynamics' torques are then what holds the arm's motion against them, the
+// forward dynamics' accelerations what they push the free arm into.
+struct Contact {
+    int link = 0;  // actuated link, 0-based (moved by joint `link`)
+    double point[3] = {0.0, 0.0, 0.0};
+    double force[3] = {0.0, 0.0, 0.0};
+};
+
 // Per-joint inputs of the forward dynamics, set by the bus before each step.
 struct JointDrive {
     bool free = false;        // false: locked (brake or position control), rate 0
@@ -75,6 +85,14 @@ public:
     // kCoulombDeadBand). Arrays of joints() entries. No allocation.
     void InverseDynamics(const double* q, const double* dq, const double* ddq, double* tau);
 
+    // The contacts acting from now on (none: cleared).
+    void SetContacts(const std::vector<Contact>& contacts) { contacts_ = contacts; }
+    const std::vector<Contact>& contacts() const { return contacts_; }
+    // The origins of the actuated links' frames (each turning about its
+    // joint) and of the chain's tip, at joint angles q: joints() + 1 points
+    // of three coordinates (base frame, m).
+    void LinkPoints(const double* q, double* points) const;
+
     // State (joints() entries each, writable) and inputs of the forward dynamics.
     double* q() { return q_.data(); }
     double* dq() { return dq_.data(); }
@@ -98,6 +116,7 @@ private:
     std::unique_ptr<Impl> impl_;
     std::vector<double> q_, dq_, ddq_;
     std::vector<JointDrive> drive_;
+    std::vector<Contact> contacts_;
 };
 
 }  // namespace tqlsim

@@ -1,11 +1,14 @@
 // The simulated arm's physical world, against an independent KDL model of the
 // demo arm built from its modified-DH table: forward and inverse dynamics,
 // falling, brakes, the drives' peak current and the scripted hand in current
-// mode, reading noise.
+// mode, reading noise, contacts with obstacles and scripted torque pulses.
 #include <kdl/chain.hpp>
 #include <kdl/chainfdsolver_recursive_newton_euler.hpp>
+#include <kdl/chainfksolverpos_recursive.hpp>
 #include <kdl/chainidsolver_recursive_newton_euler.hpp>
+#include <kdl/chainjnttojacsolver.hpp>
 
+#include <algorithm>
 #include <cmath>
 #include <random>
 
@@ -208,3 +211,90 @@ TEST_F(SimPhysics, NoiseIsSeededWithTheConfiguredSpreadAndPhysicsNeedsAMatchingW
 }
 
 }  // namespace
+
+// A contact's joint torques are the contact Jacobian's transpose times its
+// force (the independent DH model's Jacobian at the contact point), whatever
+// the link and the pose; the world's link points are the DH frames' origins.
+TEST_F(SimPhysics, ContactTorquesAreTheContactJacobiansTransposeTimesTheForce) {
+    DemoArm arm;
+    std::mt19937 random(5);
+    std::uniform_real_distribution<double> u(-1.0, 1.0);
+    KDL::ChainJntToJacSolver jacobian(arm.chain);
+    KDL::ChainFkSolverPos_recursive fk(arm.chain);
+    for (int trial = 0; trial < 12; ++trial) {
+        KDL::JntArray q(6), zero(6);
+        double qs[6], zeros[6] = {}, free[6], held[6], points[21];
+        for (int i = 0; i < 6; ++i) qs[i] = q(i) = 1.5 * u(random);
+        arm.world.LinkPoints(qs, points);
+        const int link = trial % 6;
+        // The DH frame of the link (its own segment, after the joint turns).
+        KDL::Frame frame;
+        fk.JntToCart(q, frame, 2 * link + 2);
+        for (int k = 0; k < 3; ++k) EXPECT_NEAR(points[3 * link + k], frame.p(k), 1e-9) << "link " << link;
+        tqlsim::Contact c;
+        c.link = link;
+        const KDL::Vector at = frame * KDL::Vector(0.05 * u(random), 0.05 * u(random), 0.05 * u(random));
+        const KDL::Vector force(20 * u(random), 20 * u(random), 20 * u(random));
+        for (int k = 0; k < 3; ++k) c.point[k] = at(k), c.force[k] = force(k);
+        arm.world.SetContacts({});
+        arm.world.InverseDynamics(qs, zeros, zeros, free);
+        arm.world.SetContacts({c});
+        arm.world.InverseDynamics(qs, zeros, zeros, held);
+        KDL::Jacobian J(6);
+        jacobian.JntToJac(q, J, 2 * link + 2);
+        J.changeRefPoint(at - frame.p);  // from the frame's origin to the point
+        for (int j = 0; j < 6; ++j) {
+            const double expected = j <= link ? J(0, j) * force(0) + J(1, j) * force(1) + J(2, j) * force(2) : 0.0;
+            EXPECT_NEAR(free[j] - held[j], expected, 1e-9) << "trial " << trial << " joint " << j + 1;
+        }
+    }
+}
+
+// An obstacle in the way: the drives hold their set-points against it, so the
+// contact shows in their currents, growing with the depth (the flight
+// recorder logs each contact's force) until the drive holding the most
+// trips; a scripted torque pulse shows the same way, and pushes a free joint.
+TEST_F(SimPhysics, ObstaclesAndTorquePulsesShowInTheCurrentsAndTripTheDrive) {
+    // Joint 2 pushed (as by a hand) 0.05 degrees a period into a box and
+    // held there: the drive's current is the contact's, growing with the
+    // depth, reported up to the peak, until the drive trips.
+    setenv("TQL_SIM_RECORD", "rec.csv", 1);
+    tqltest::WriteFile("sim.conf", tqltest::ReadFile("sim.conf") + "obstacle = box -250 0 450 100 300 300 5 0.05\n");
+    ASSERT_NO_FATAL_FAILURE(Boot());
+    std::vector<double> current;
+    for (int k = 0; k < 800 && Ctl()->getErrorCode(2) == 0; ++k) {
+        tql_sim_sleep(0.004);
+        tql_sim_set_position(2, Raw(1, 0.05 * k * kPi / 180));
+        Ctl()->setPosition(2, Raw(1, 0.05 * k * kPi / 180));
+        if (Ctl()->getErrorCode(2) == 0) current.push_back(std::fabs(Ctl()->getCurrent(2, true)));
+    }
+    tql_sim_flush_recorder();
+    const std::string rec = tqltest::ReadFile("rec.csv");
+    EXPECT_GT(tqltest::CountOf(rec, ",contact,"), 5) << rec.substr(rec.size() > 600 ? rec.size() - 600 : 0);
+    EXPECT_EQ(Ctl()->getErrorCode(2), static_cast<uint32_t>(Actuator::ERR_DRV_PROTECTION)) << "tripped beyond its peak";
+    ASSERT_GT(current.size(), 5u);
+    EXPECT_TRUE(std::is_sorted(current.end() - 5, current.end())) << "growing with the depth";
+    EXPECT_GT(current.back(), 8.0);
+    EXPECT_LE(*std::max_element(current.begin(), current.end()), 10.0 + 1e-9) << "reported up to the peak";
+
+    // A pulse of 4 N*m on joint 1 (no gravity about it): held, the current
+    // shows -4 / kt while it lasts; free, the joint turns its way.
+    unsetenv("TQL_SIM_RECORD");
+    tqltest::WriteFile("sim.conf", "");
+    ASSERT_NO_FATAL_FAILURE(Boot());
+    tql_sim_torque_pulse(1, tql_sim_now() + 0.1, 4.0, 0.2);
+    tql_sim_sleep(0.05);
+    Ctl()->setPosition(1, 0.0);
+    const double before = Ctl()->getCurrent(1, true);
+    tql_sim_sleep(0.1);
+    Ctl()->setPosition(1, 0.0);
+    EXPECT_NEAR(Ctl()->getCurrent(1, true) - before, -4.0 / kKt, 1e-9);
+    tql_sim_sleep(0.2);
+    Ctl()->setPosition(1, 0.0);
+    EXPECT_NEAR(Ctl()->getCurrent(1, true), before, 1e-9);
+    tql_sim_torque_pulse(1, tql_sim_now(), 4.0, 0.05);
+    Ctl()->activateActuatorModeInBantch({1}, Actuator::Mode_Cur);
+    Ctl()->setCurrent(1, 0.0);
+    tql_sim_sleep(0.1);
+    EXPECT_GT(tql_sim_joint_angle(1), 0.001);
+}
