@@ -204,6 +204,8 @@ int DatabaseToMechnical(ResourceData* rd) {
     if (GetDataFormChar(Slot(12), rd->kinematic_lengths, 80) < 0) return -1;
     if (GetDataFormChar(Slot(13), rd->dynamic_parameters, 260) < 0) return -1;
     if (GetDataFormChar(Slot(14), rd->identification_parameters, 220) < 0) return -1;
+    rd->collision_threshold_set = Slot(17)[0] != '\0';
+    if (rd->collision_threshold_set && GetDataFormChar(Slot(17), rd->collision_threshold, 20) < 0) return -1;
     // The workspace rows are optional: an absent row reads as an empty text.
     rd->workspace_box_set = Slot(15)[0] != '\0';
     if (rd->workspace_box_set && GetDataFormChar(Slot(15), rd->workspace_box, 6) < 0) return -1;

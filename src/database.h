@@ -42,6 +42,10 @@ struct ResourceData {
     // the box xmin, xmax, ymin, ymax, zmin, zmax [mm, base frame] and the
     // half-spaces nx, ny, nz, d (the side where n . p <= d, p in mm) that the
     // flange and the wrist centre never leave.
+    // Type row 17 (optional): each joint's collision threshold, N*m of the
+    // observer's residual, before the sensitivity of system row 5.
+    bool collision_threshold_set = false;
+    double collision_threshold[20] = {};
     bool workspace_box_set = false;
     double workspace_box[6] = {};
     int workspace_half_spaces = 0;

@@ -446,8 +446,10 @@ double JointLimitMeter::Step(const double* increment, double* orders) {
 }
 
 ArmOutput::ArmOutput(Robot* robot, double period, bool joint_samples)
-    : robot_(robot), timer_(period), joint_samples_(joint_samples),
-      brake_(robot, period, BrakingWanted() && !tql::InPreflight()) {}
+    : robot_(robot), timer_(period), period_(period), joint_samples_(joint_samples),
+      brake_(robot, period, BrakingWanted() && !tql::InPreflight()) {
+    if (!tql::InPreflight()) monitor_.Arm(robot);
+}
 
 int ArmOutput::Begin() {
     if (brake_.Collecting()) return BrakeNow(false);  // a new motion: the stream rests here
@@ -457,7 +459,10 @@ int ArmOutput::Begin() {
 
 bool ArmOutput::Stopped() {
     if (stopped_) return true;
-    if (brake_.Collecting() || !TakeStopRequest()) return false;
+    if (brake_.Collecting()) return false;
+    const bool collision = collided_ && !collision_taken_;
+    if (!collision && !TakeStopRequest()) return false;
+    collision_taken_ = collision_taken_ || collision;
     if (brake_.Start()) return false;  // the stream goes on as the brake's look-ahead
     stopped_ = true;
     return true;
@@ -483,6 +488,13 @@ int ArmOutput::SendOne(double* command, double* previous) {
     if (sent < 0) return -1;
     brake_.Sent(command);
     timer_.Wait();
+    if (monitor_.armed() && !collided_) {
+        const int joint = WatchForCollision(robot_, &monitor_, period_);
+        if (joint > 0) {
+            std::cout << joint << "  CollisionDetection." << std::endl;
+            collided_ = true;
+        }
+    }
     return 0;
 }
 

@@ -23,6 +23,7 @@
 #include <string>
 
 #include "braking.h"
+#include "collision_monitor.h"
 #include "mechnical_unit.h"
 #include "speed_profile.h"
 #include "timing.h"
@@ -244,8 +245,14 @@ private:
 
     Robot* robot_;
     tql::PeriodicTimer timer_;
+    double period_;
     bool joint_samples_;
     StreamBrake brake_;
+    // The collision reflex (row 4 ON): a detection brakes the stream as a
+    // stop request does.
+    CollisionMonitor monitor_;
+    bool collided_ = false;
+    bool collision_taken_ = false;
     int last_move_ = -1;    // of the last set-point (a blend's: the starting move)
     bool stopped_ = false;  // the stream ends at the next Stopped()
     bool braked_ = false;

@@ -6,6 +6,7 @@
 #ifndef TQL_MECHNICAL_UNIT_H
 #define TQL_MECHNICAL_UNIT_H
 
+#include <atomic>
 #include <string>
 #include <vector>
 
@@ -188,8 +189,10 @@ private:
     // Prints the error of joint i if its actuator reports one; true when clean.
     bool JointErrorFree(int i, bool id_as_number);
     void SendPositionTick(double* q);
-    double last_set_point_[kMaxJointNum] = {};
-    bool set_point_valid_ = false;
+    // Written by the motion loop and by mode changes on other threads (hand
+    // guiding's monitoring loop and its recorder): atomics.
+    std::atomic<double> last_set_point_[kMaxJointNum] = {};
+    std::atomic<bool> set_point_valid_{false};
 };
 
 // System status, error record, real-time position.
