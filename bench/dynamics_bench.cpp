@@ -5,6 +5,8 @@
 //                                          the simulated world, friction off)
 //   BM_CollisionDetection                 (one 4 ms step of the observer:
 //                                          five model evaluations)
+//   BM_CollisionMonitorStep               (one step of the collision reflex's
+//                                          observer, the same five)
 //   BM_SimulatedPeriod                    (one 4 ms period of the simulated
 //                                          arm in current mode on the virtual
 //                                          clock, with the controller's reads)
@@ -17,6 +19,8 @@
 #include <string>
 #include <vector>
 
+#include "collision_monitor.h"
+#include "database.h"
 #include "dynamics.h"
 #include "sim_control.h"
 #include "sim_world.h"
@@ -98,6 +102,31 @@ void BM_CollisionDetection(benchmark::State& st) {
     }
 }
 BENCHMARK(BM_CollisionDetection);
+
+void BM_CollisionMonitorStep(benchmark::State& st) {
+    Robot robot;
+    robot.robot_type_ = 1;
+    robot.joint_num_ = 6;
+    for (int i = 0; i < 6; ++i) robot.link_[i].SetMdhParameters(0.0, 0.0, kA[i] * 1000.0, kD[i] * 1000.0);
+    ResourceData* rd = GetResourceDate();
+    rd->collision_switch = true;
+    rd->collision_threshold_set = true;
+    rd->collision_factor = 1.0;
+    for (int i = 0; i < 6; ++i) rd->collision_threshold[i] = 1e9;  // never reached
+    CollisionMonitor monitor;
+    if (!monitor.Arm(&robot)) {
+        st.SkipWithError("the monitor did not arm");
+        return;
+    }
+    std::vector<State> states = States();
+    double tau[6] = {};
+    size_t k = 0;
+    for (auto _ : st) {
+        State& s = states[k++ % kStates];
+        benchmark::DoNotOptimize(monitor.Step(s.q, s.dq, tau, 0.004));
+    }
+}
+BENCHMARK(BM_CollisionMonitorStep);
 
 // The bus is loaded from the demo directory on the virtual clock; every
 // iteration is one period of a hand-guiding loop: six currents out, a

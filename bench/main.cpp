@@ -34,6 +34,7 @@ public:
         Ratio("InverserDynamicsUr is", "BM_KdlRne", "BM_InverserDynamicsUr", "times faster than KDL ChainIdSolver_RNE");
         ShareOfPeriod("one linear-move tick", "BM_LinearMoveTick");
         ShareOfPeriod("one collision-observer step", "BM_CollisionDetection");
+        ShareOfPeriod("one collision-monitor step", "BM_CollisionMonitorStep");
         ShareOfPeriod("the stop planner (look-ahead given)", "BM_StopPlannerLinearMove");
         ShareOfPeriod("the scaling pass of a straight line", "BM_ScalingPassLinearMove");
         auto pre = ns_.find("BM_PreflightLinearMove");
