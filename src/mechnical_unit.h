@@ -101,11 +101,13 @@ public:
     void GetCurrentMachineJoint(double* q);
     void GetCurrentMachineJointFast(double* q);
     // Where a move starts: the last position set-point sent to the arm, or
-    // the measured joints when none has been sent since the boot or since
-    // the arm floated in current mode. Starting from the set-point, a move
-    // continues the stream the drives follow, with no step for their
-    // tracking error.
+    // the measured joints when none has been sent since the boot, since the
+    // arm floated in current mode or was homed, or when the arm stands more
+    // than kSetPointHeld rad from it on any joint. Starting from the
+    // set-point, a move continues the stream the drives follow, with no step
+    // for their tracking error.
     void GetStartJoints(double* q);
+    static constexpr double kSetPointHeld = 0.01;
     void GetCurrentCVPFast(double* c, double* v, double* p);
     void GetCurrentTVPFast(double* t, double* v, double* p);
     void GetJointSpeedAccDecParameters(AccDecDate* out);

@@ -1,5 +1,6 @@
 // The arm: bring-up over the actuator controller, modes, queries, settings and
 // the per-period set-points.
+#include <cmath>
 #include <iostream>
 
 #include "mechnical_unit.h"
@@ -118,11 +119,17 @@ void Robot::GetCurrentMachineJoint(double* q) {
 }
 
 void Robot::GetStartJoints(double* q) {
-    if (!set_point_valid_) {
-        GetCurrentMachineJoint(q);
-        return;
+    GetCurrentMachineJoint(q);
+    if (!set_point_valid_) return;
+    // The arm holds the last set-point within its tracking error; one found
+    // farther away (moved behind the controller's back: homed, pushed, a
+    // drive that gave way) starts from where it stands.
+    double last[kMaxJointNum];
+    for (int i = 0; i < joint_num_; ++i) {
+        last[i] = last_set_point_[i];
+        if (!(std::fabs(last[i] - q[i]) <= kSetPointHeld)) return;
     }
-    for (int i = 0; i < joint_num_; ++i) q[i] = last_set_point_[i];
+    for (int i = 0; i < joint_num_; ++i) q[i] = last[i];
 }
 
 void Robot::GetCurrentMachineJointFast(double* q) {
@@ -250,6 +257,7 @@ int Robot::SetMachineTorque(double* tau) {
 }
 
 int Robot::SetHomingPosition() {
+    set_point_valid_ = false;  // the positions read change frame
     for (int i = 0; i < joint_num_; ++i) link_[i].SetActuatorHomingPosition();
     return 0;
 }
