@@ -31,8 +31,6 @@ public:
     // whose residual is beyond its threshold, or 0 (the first Step only
     // starts the observer).
     int Step(const double* q, const double* dq, const double* tau, double h);
-    const double* residual() const { return r_; }
-    const double* threshold() const { return threshold_; }
 
 private:
     bool armed_ = false;

@@ -231,8 +231,6 @@ public:
     // True while a brake takes the stream's set-points as its look-ahead
     // (nothing reaches the arm; per-period work waits).
     bool LookingAhead() const { return brake_.Collecting(); }
-    // The last brake's stretch (0: ran on to the stream's rest; -1: none).
-    double BrakeStretch() const { return braked_ ? brake_.Stretch() : -1.0; }
 
 private:
     // A set-point of the stream: sent, or taken into the brake's look-ahead.

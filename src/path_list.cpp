@@ -403,25 +403,32 @@ int FitRunToJointLimits(Robot* robot, InterpolationData* table, int count, Simul
 
 }  // namespace
 
-int MovePathList(Robot* robot, InterpolationData* table, int count) {
-    if (FitRunToJointLimits(robot, table, count, [&](JointLimitProbe& probe, int* line) {
-            return StreamPathList(robot, table, count, line, probe);
-        }) < 0)
+namespace {
+
+// A run: slowed to the joints' limits (the scaling pass), then checked whole
+// (the pre-flight) and streamed to the arm. stream(output, line) streams the
+// table into an output.
+template <typename Stream>
+int RunProgram(Robot* robot, InterpolationData* table, int count, Stream stream) {
+    if (FitRunToJointLimits(robot, table, count,
+                            [&](JointLimitProbe& probe, int* line) { return stream(probe, line); }) < 0)
         return -1;
     return RunProgramWithPreflight([&](int* line) {
         ArmOutput arm(robot);
-        return arm.Finish(StreamPathList(robot, table, count, line, arm));
+        return arm.Finish(stream(arm, line));
     });
 }
 
+}  // namespace
+
+int MovePathList(Robot* robot, InterpolationData* table, int count) {
+    return RunProgram(robot, table, count,
+                      [&](auto& output, int* line) { return StreamPathList(robot, table, count, line, output); });
+}
+
 int MovePathListSmooth(Robot* robot, InterpolationData* table, int count) {
-    if (FitRunToJointLimits(robot, table, count, [&](JointLimitProbe& probe, int* line) {
-            return StreamPathListSmooth(robot, table, count, line, probe);
-        }) < 0)
-        return -1;
-    return RunProgramWithPreflight([&](int* line) {
-        ArmOutput arm(robot);
-        return arm.Finish(StreamPathListSmooth(robot, table, count, line, arm));
+    return RunProgram(robot, table, count, [&](auto& output, int* line) {
+        return StreamPathListSmooth(robot, table, count, line, output);
     });
 }
 
