@@ -6,7 +6,7 @@ CREATE TABLE system_parameters (ID INTEGER PRIMARY KEY NOT NULL, NAME TEXT NOT N
 INSERT INTO system_parameters VALUES (1, 'robot_type', 'GL_6L3');
 INSERT INTO system_parameters VALUES (2, 'dynamics_switch', 'ON');
 INSERT INTO system_parameters VALUES (3, 'gravity_gain', '1.0');
-INSERT INTO system_parameters VALUES (4, 'collision_switch', 'OFF');
+INSERT INTO system_parameters VALUES (4, 'collision_switch', 'ON');
 INSERT INTO system_parameters VALUES (5, 'collision_factor', '1.5');
 INSERT INTO system_parameters VALUES (6, 'preflight_switch', 'ON');
 INSERT INTO system_parameters VALUES (7, 'program_io_switch', 'ON');

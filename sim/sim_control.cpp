@@ -1,6 +1,7 @@
 // The C control surface of sim_control.h (the clock functions are in sim_clock.cpp).
 #include "sim_control.h"
 
+#include <cctype>
 #include <cmath>
 #include <limits>
 
@@ -171,6 +172,16 @@ void tql_sim_set_current_noise(double fraction) {
     call.bus.config.drive.current_noise = fraction;
     for (auto& entry : call.bus.config.drive_per_id) entry.second.current_noise = fraction;
     for (tqlsim::Drive& d : call.bus.physics.drive) d.current_noise = fraction;
+}
+
+void tql_sim_record_note(int id, const char* what, double value) {
+    if (what == nullptr) return;
+    size_t n = 0;
+    for (; what[n] != '\0'; ++n)
+        if (n == 31 || !(std::isalnum(static_cast<unsigned char>(what[n])) || what[n] == '_')) return;
+    if (n == 0) return;
+    BusCall call;
+    call.bus.recorder.Row(call.now, id, 0, what, value);
 }
 
 void tql_sim_torque_pulse(int id, double at, double torque, double duration) {

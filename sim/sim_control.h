@@ -74,6 +74,12 @@ long tql_sim_beyond_limit_count(void);
 long tql_sim_current_beyond_peak_count(void);
 // Writes out buffered recorder rows.
 void tql_sim_flush_recorder(void);
+// A row of the controller's own in the flight recorder at the present bus
+// time: `what` names it (at most 31 characters, letters, digits and '_'),
+// `id` is its subject (a joint number), `value` its figure. The collision
+// monitor writes its thresholds, residuals and detections this way. Not a
+// command: the command count is unchanged. Ignored for another name.
+void tql_sim_record_note(int id, const char* what, double value);
 
 // Inspection of one actuator. Last position set-point received (NaN if none
 // or unknown id); number of position set-points received (-1 for an unknown

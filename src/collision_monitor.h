@@ -19,23 +19,48 @@
 class CollisionMonitor {
 public:
     static constexpr double kGainPeriod = 0.5;
+    static constexpr double kTickTolerance = 0.1;
+    static constexpr int kSteadyTicks = 2;
     static constexpr int kJoints = 6;
+    static constexpr int kDynamicParameterCount = 48;
 
     // Watches `robot` from its next Step: true when the collision switch
     // (row 4) is on, the robot has the six-joint dynamic model and the robot
     // type's thresholds (row 17, N*m per joint, times the sensitivity of
     // row 5) are all positive; otherwise the monitor stays off.
     bool Arm(Robot* robot);
+    // Watches an arm described directly: modified-DH lengths a and d (m),
+    // the 48 values of row 13 (base parameters, then viscous and Coulomb
+    // friction) and each joint's threshold (N*m; infinity never reports).
+    // The identification uses it to measure the residual of its own fit.
+    void Start(const double* a, const double* d, const double* parameters, const double* thresholds);
     bool armed() const { return armed_; }
-    // One period, h seconds after the one before: the first 1-based joint
-    // whose residual is beyond its threshold, or 0 (the first Step only
-    // starts the observer).
-    int Step(const double* q, const double* dq, const double* tau, double h);
+    // The last residual of a 0-based joint, N*m: the external torque as the
+    // observer sees it.
+    double residual(int joint) const { return r_[joint]; }
+    double threshold(int joint) const { return threshold_[joint]; }
+    // One period of h seconds, its readings taken dt seconds after the ones
+    // before (dt = h on time; a late reading integrates over what really
+    // passed): the first 1-based joint whose residual is beyond its
+    // threshold, or 0. The first Step only starts the observer, and so does
+    // a Step that does not follow kSteadyTicks readings dt within
+    // kTickTolerance of h: after a pause between moves the discrete observer
+    // would not be stable, and a late tick (and the one the pacing sends
+    // right after it) jerks the drives with set-points unevenly spaced in
+    // time, a torque impulse between two readings that no sampled observer
+    // sees but whose momentum change it would.
+    int Step(const double* q, const double* dq, const double* tau, double h, double dt);
+    int Step(const double* q, const double* dq, const double* tau, double h) { return Step(q, dq, tau, h, h); }
+    // Readings' time of the last Step (s, the library's clock), for the next
+    // Step's dt.
+    double last_reading_time = 0.0;
 
 private:
     bool armed_ = false;
     bool started_ = false;
+    int steady_ = 0;  // readings on time in a row
     double a_[kJoints] = {}, d_[kJoints] = {};  // the links' DH lengths, m
+    double parameters_[kDynamicParameterCount] = {};
     double threshold_[kJoints] = {};
     double q_prev_[kJoints] = {};
     double integral_[kJoints] = {};  // p0 + the integral of (tau - beta + r) dt
@@ -45,5 +70,8 @@ private:
 // Reads the arm's joints, rates and torques now (the bus's latest readings,
 // asked for this period) and steps `monitor`: as CollisionMonitor::Step.
 int WatchForCollision(Robot* robot, CollisionMonitor* monitor, double h);
+// Says on standard error (and in the simulated bus's flight recorder) which
+// joint's residual passed its threshold, and by how much.
+void ReportCollision(const CollisionMonitor& monitor, int joint);
 
 #endif  // TQL_COLLISION_MONITOR_H

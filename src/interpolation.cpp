@@ -488,10 +488,13 @@ int ArmOutput::SendOne(double* command, double* previous) {
     if (sent < 0) return -1;
     brake_.Sent(command);
     timer_.Wait();
-    if (monitor_.armed() && !collided_) {
+    // The observer runs on through a stop, so a recording shows the residual
+    // as the arm comes to rest.
+    if (monitor_.armed()) {
         const int joint = WatchForCollision(robot_, &monitor_, period_);
-        if (joint > 0) {
+        if (joint > 0 && !collided_) {
             std::cout << joint << "  CollisionDetection." << std::endl;
+            ReportCollision(monitor_, joint);
             collided_ = true;
         }
     }

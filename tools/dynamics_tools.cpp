@@ -132,20 +132,60 @@ bool LoadArmModel(const std::string& db_path, ArmModel* model, std::string* erro
     return true;
 }
 
-bool WriteTypeRow(const std::string& db_path, const std::string& type_name, int id,
-                  const std::vector<double>& values, std::string* error) {
+namespace {
+
+std::string ListText(const std::vector<double>& values) {
     std::string text = "[";
     char buf[32];
     for (size_t i = 0; i < values.size(); ++i) {
-        if (!std::isfinite(values[i])) {
-            *error = "refusing to write a value that is not a number";
-            return false;
-        }
         std::snprintf(buf, sizeof buf, "%.17g", values[i]);
         text += (i ? "," : "") + std::string(buf);
     }
-    text += "]";
+    return text + "]";
+}
 
+// Sets (or, with a name, adds) one row inside an open transaction.
+bool PutRow(sqlite3* db, const std::string& type_name, const TypeRow& row, std::string* error) {
+    const std::string text = ListText(row.values);
+    auto run = [&](const std::string& sql, bool with_name) {
+        sqlite3_stmt* raw = nullptr;
+        bool ok = sqlite3_prepare_v2(db, sql.c_str(), -1, &raw, nullptr) == SQLITE_OK;
+        Statement stmt(raw);
+        if (ok) {
+            sqlite3_bind_text(raw, 1, text.c_str(), -1, SQLITE_TRANSIENT);
+            sqlite3_bind_int(raw, 2, row.id);
+            if (with_name) sqlite3_bind_text(raw, 3, row.name_if_missing, -1, SQLITE_TRANSIENT);
+            ok = sqlite3_step(raw) == SQLITE_DONE;
+        }
+        if (!ok) *error = std::string("cannot write: ") + sqlite3_errmsg(db);
+        return ok;
+    };
+    if (!run("UPDATE " + Quoted(type_name) + " SET VALUE = ?1 WHERE ID = ?2", false)) return false;
+    if (sqlite3_changes(db) == 1) return true;
+    if (row.name_if_missing == nullptr) {
+        *error = "table " + type_name + " has no row " + std::to_string(row.id);
+        return false;
+    }
+    return run("INSERT INTO " + Quoted(type_name) + " (ID, NAME, VALUE) VALUES (?2, ?3, ?1)", true);
+}
+
+}  // namespace
+
+bool WriteTypeRow(const std::string& db_path, const std::string& type_name, int id,
+                  const std::vector<double>& values, std::string* error) {
+    return WriteTypeRows(db_path, type_name, {TypeRow{id, values}}, error);
+}
+
+bool WriteTypeRows(const std::string& db_path, const std::string& type_name, const std::vector<TypeRow>& rows,
+                   std::string* error) {
+    for (const TypeRow& row : rows) {
+        for (double v : row.values) {
+            if (!std::isfinite(v)) {
+                *error = "refusing to write a value that is not a number";
+                return false;
+            }
+        }
+    }
     Db db = OpenDb(db_path, SQLITE_OPEN_READWRITE, error);
     if (!db) return false;
     auto exec = [&](const char* sql) { return sqlite3_exec(db.get(), sql, nullptr, nullptr, nullptr) == SQLITE_OK; };
@@ -153,22 +193,8 @@ bool WriteTypeRow(const std::string& db_path, const std::string& type_name, int 
         *error = "cannot write " + db_path + ": " + sqlite3_errmsg(db.get());
         return false;
     }
-    sqlite3_stmt* raw = nullptr;
-    const std::string sql = "UPDATE " + Quoted(type_name) + " SET VALUE = ?1 WHERE ID = ?2";
-    bool ok = sqlite3_prepare_v2(db.get(), sql.c_str(), -1, &raw, nullptr) == SQLITE_OK;
-    Statement stmt(raw);
-    if (ok) {
-        sqlite3_bind_text(raw, 1, text.c_str(), -1, SQLITE_TRANSIENT);
-        sqlite3_bind_int(raw, 2, id);
-        ok = sqlite3_step(raw) == SQLITE_DONE;
-    }
-    if (!ok) {
-        *error = "cannot write " + db_path + ": " + sqlite3_errmsg(db.get());
-    } else if (sqlite3_changes(db.get()) != 1) {
-        *error = "table " + type_name + " has no row " + std::to_string(id);
-        ok = false;
-    }
-    stmt.reset();
+    bool ok = true;
+    for (size_t i = 0; ok && i < rows.size(); ++i) ok = PutRow(db.get(), type_name, rows[i], error);
     if (ok && !exec("COMMIT")) {
         *error = "cannot write " + db_path + ": " + sqlite3_errmsg(db.get());
         ok = false;

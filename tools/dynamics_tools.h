@@ -22,6 +22,10 @@ constexpr int kIdentifiedColumns = kBaseParameterNum + kFrictionColumns;
 // one holding the excitation coefficients.
 constexpr int kDynamicParameterRow = 13;
 constexpr int kExcitationRow = 14;
+// Row of the collision monitor's per-joint thresholds (N*m), written by the
+// identification; added to a table that lacks it.
+constexpr int kCollisionThresholdRow = 17;
+constexpr const char* kCollisionThresholdName = "collision_threshold_nm";
 // Optional row of the workspace box the flange and the wrist centre keep.
 constexpr int kWorkspaceRow = 15;
 
@@ -50,6 +54,16 @@ bool LoadArmModel(const std::string& db_path, ArmModel* model, std::string* erro
 // cannot be written; the database is then unchanged.
 bool WriteTypeRow(const std::string& db_path, const std::string& type_name, int id,
                   const std::vector<double>& values, std::string* error);
+
+// One row for WriteTypeRows: a row with a name is added when missing.
+struct TypeRow {
+    int id;
+    std::vector<double> values;
+    const char* name_if_missing = nullptr;
+};
+// As WriteTypeRow, for several rows in one transaction: all or none.
+bool WriteTypeRows(const std::string& db_path, const std::string& type_name, const std::vector<TypeRow>& rows,
+                   std::string* error);
 
 // One 6 x 48 block of the identification regressor at user-zero q, dq, ddq:
 // the base regressor, then viscous (dq) and Coulomb (signd(dq)) columns.

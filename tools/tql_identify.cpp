@@ -37,6 +37,7 @@
 #include <string>
 #include <vector>
 
+#include "collision_monitor.h"
 #include "dynamics_tools.h"
 
 namespace {
@@ -79,6 +80,11 @@ constexpr double kMaxParameterMagnitude = 1e3;
 // 0.05 rad (3 degrees, 35 times below the demo's smallest span) over the
 // whole file did not run it: the arm was held, off or not commanded.
 constexpr double kMinPositionSpread = 0.05;  // rad
+
+// The collision thresholds: the identified run's peak residual times this
+// margin; the sensitivity (system row 5) scales them again in the controller.
+constexpr double kThresholdMargin = 1.25;
+constexpr int kThresholdSettle = 4;  // samples
 
 struct Record {
     double current[kJoints], velocity[kJoints], position[kJoints];
@@ -255,7 +261,7 @@ int Usage() {
 // Reads and stacks one run; *spread (if given) receives each joint's position
 // range over the file, rad.
 bool Load(const std::string& path, const ArmModel& model, Eigen::MatrixXd* W, Eigen::VectorXd* y,
-          double* spread = nullptr) {
+          double* spread = nullptr, std::vector<Record>* raw = nullptr) {
     std::vector<Record> records;
     std::string error;
     if (!ReadRecords(path, &records, &error)) {
@@ -268,7 +274,35 @@ bool Load(const std::string& path, const ArmModel& model, Eigen::MatrixXd* W, Ei
         spread[j] = hi - lo;
     }
     Stack(Prepare(records, model), model, W, y);
+    if (raw != nullptr) *raw = std::move(records);
     return true;
+}
+
+// Each joint's collision threshold (N*m): the largest residual the collision
+// monitor's observer, on the identified model, shows over the recorded run,
+// sample by sample as the controller will see it (raw currents and
+// velocities, noise included, no averaging), times kThresholdMargin. The
+// observer restarts with each period, as a motion starts it, and its first
+// kThresholdSettle samples are left out (it starts from rest at zero).
+std::array<double, kJoints> CollisionThresholds(const std::vector<Record>& records, const ArmModel& model,
+                                                const Eigen::VectorXd& x) {
+    std::array<double, kJoints> peak{};
+    const double never[kJoints] = {INFINITY, INFINITY, INFINITY, INFINITY, INFINITY, INFINITY};
+    CollisionMonitor observer;
+    for (size_t k = 0; k < records.size(); ++k) {
+        if (k % kPeriodSamples == 0) observer.Start(model.a, model.d, x.data(), never);
+        double q[kJoints], dq[kJoints], tau[kJoints];
+        for (int j = 0; j < kJoints; ++j) {
+            q[j] = records[k].position[j];
+            dq[j] = records[k].velocity[j];
+            tau[j] = records[k].current[j] * model.kt[j];
+        }
+        observer.Step(q, dq, tau, kSamplePeriod);
+        if (static_cast<int>(k % kPeriodSamples) < kThresholdSettle) continue;
+        for (int j = 0; j < kJoints; ++j) peak[j] = std::max(peak[j], std::fabs(observer.residual(j)));
+    }
+    for (double& t : peak) t *= kThresholdMargin;
+    return peak;
 }
 
 std::string ValueName(int c) {
@@ -351,7 +385,8 @@ int main(int argc, char** argv) {
     Eigen::MatrixXd W;
     Eigen::VectorXd y;
     double spread[kJoints];
-    if (!Load(file, model, &W, &y, spread)) return 1;
+    std::vector<Record> records;
+    if (!Load(file, model, &W, &y, spread, &records)) return 1;
 
     const double cond = tqltools::ConditionNumber(W);
     Eigen::BDCSVD<Eigen::MatrixXd> svd(W, Eigen::ComputeThinU | Eigen::ComputeThinV);
@@ -366,6 +401,10 @@ int main(int argc, char** argv) {
     for (int j = 0; j < kJoints; ++j) std::printf(" %.4g", x(kBaseParameterNum + j));
     std::printf("\nCoulomb friction (N*m):");
     for (int j = 0; j < kJoints; ++j) std::printf(" %.4g", x(kBaseParameterNum + kJoints + j));
+    std::printf("\n");
+    const std::array<double, kJoints> thresholds = CollisionThresholds(records, model, x);
+    std::printf("collision thresholds (N*m, %.3g x the observer's peak residual on this run):", kThresholdMargin);
+    for (double t : thresholds) std::printf(" %.3g", t);
     std::printf("\n");
     std::fflush(stdout);  // the fit, then its diagnosis, when both go to one stream
     const std::vector<std::string> why = Diagnose(spread, cond, residual, x);
@@ -384,13 +423,16 @@ int main(int argc, char** argv) {
         return 255;
     }
     if (!write.empty()) {
-        std::vector<double> values(x.data(), x.data() + x.size());
-        if (!tqltools::WriteTypeRow(write, model.type_name, tqltools::kDynamicParameterRow, values, &error)) {
+        const std::vector<tqltools::TypeRow> rows = {
+            {tqltools::kDynamicParameterRow, std::vector<double>(x.data(), x.data() + x.size())},
+            {tqltools::kCollisionThresholdRow, std::vector<double>(thresholds.begin(), thresholds.end()),
+             tqltools::kCollisionThresholdName}};
+        if (!tqltools::WriteTypeRows(write, model.type_name, rows, &error)) {
             std::fprintf(stderr, "tql-identify: %s\n", error.c_str());
             return 1;
         }
-        std::printf("wrote row %d of table %s in %s\n", tqltools::kDynamicParameterRow, model.type_name.c_str(),
-                    write.c_str());
+        std::printf("wrote rows %d and %d of table %s in %s\n", tqltools::kDynamicParameterRow,
+                    tqltools::kCollisionThresholdRow, model.type_name.c_str(), write.c_str());
     }
     return 0;
 }

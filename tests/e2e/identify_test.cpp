@@ -77,6 +77,10 @@ TEST(Identification, AdminRunIdentifiedParametersPredictAFreshRun) {
     ASSERT_EQ(RunTool(fresh.path(), "tql-excite --seed 7 --iterations 300 --write parameter.db").exit_code, 0);
     ASSERT_EQ(tqltest::RunHost(fresh.path(), {"admin"}, "1\n", {{"TQL_SIM_NOISE", "0"}}, 600).exit_code, 0);
 
+    // The demo's rows come from this very run: clear row 13 and drop row 17,
+    // which the identification must add.
+    ASSERT_TRUE(tqltest::ExecSql(excitation.File("parameter.db"),
+                                 "UPDATE GL_6L3 SET VALUE='[]' WHERE ID=13; DELETE FROM GL_6L3 WHERE ID=17;"));
     const std::set<std::string> before = Rows(excitation.File("parameter.db"));
     const ToolRun fit = RunTool(excitation.path(), "tql-identify file/excitation_output.txt --write parameter.db "
                                                 "--validate " + fresh.File("file/excitation_output.txt"));
@@ -84,12 +88,19 @@ TEST(Identification, AdminRunIdentifiedParametersPredictAFreshRun) {
     EXPECT_NE(fit.out.find("condition number of the stacked regressor: "), std::string::npos) << fit.out;
     EXPECT_LT(Percent(fit.out, "fit"), 5.0) << fit.out;
     EXPECT_LT(Percent(fit.out, "validation"), 2.0) << fit.out;
-    // Row 13 of the robot type's table changes, and nothing else.
+    // Rows 13 and 17 of the robot type's table change, and nothing else.
     const std::set<std::string> after = Rows(excitation.File("parameter.db"));
     std::vector<std::string> changed;
     std::set_symmetric_difference(before.begin(), before.end(), after.begin(), after.end(), back_inserter(changed));
-    ASSERT_EQ(changed.size(), 2u);
-    for (const std::string& row : changed) EXPECT_EQ(row.rfind("GL_6L3|13|dynamic_parameters|", 0), 0u) << row;
+    ASSERT_EQ(changed.size(), 3u);
+    EXPECT_EQ(std::count(changed.begin(), changed.end(), "GL_6L3|13|dynamic_parameters|[]|"), 1);
+    int row13 = 0, row17 = 0;
+    for (const std::string& row : changed) {
+        row13 += row.rfind("GL_6L3|13|dynamic_parameters|[", 0) == 0;
+        row17 += row.rfind("GL_6L3|17|collision_threshold_nm|[", 0) == 0;
+    }
+    EXPECT_EQ(row13, 2);
+    EXPECT_EQ(row17, 1);
 }
 
 // Unreadable input exits 1, usage 2; a fit that is not an identification is

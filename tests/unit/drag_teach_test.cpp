@@ -135,8 +135,10 @@ TEST_F(DragTeach, TaughtProgramIsWrittenAsTaughtAndRuns) {
 
     // The taught program runs as a motion program, on the arm where it was left.
     ASSERT_EQ(tql_sim_save_state(), 0);
+    // With its physics back: the collision monitor watches currents that only
+    // a physical arm gives.
     const tqltest::HostRun run = tqltest::RunHost(dir_->path(), {"mode4"}, "1\nCYCLE\nNO\n",
-                                                  {{"TQL_SIM_RECORD", "rec.csv"}});
+                                                  {{"TQL_SIM_RECORD", "rec.csv"}, {"TQL_SIM_URDF", "arm.urdf"}});
     EXPECT_EQ(run.exit_code, 0) << run.out;
     EXPECT_NE(run.err.find(", 0 beyond limits"), std::string::npos) << run.err;
 }
