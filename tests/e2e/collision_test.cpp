@@ -1,6 +1,8 @@
-// The collision reflex through the host on the simulated arm, collision
-// switch on: an obstacle on the demo program's path is noticed and the arm
-// brakes and holds; without one, nothing is noticed.
+// The collision reflex through the host on the simulated arm, with the demo
+// database as it is built (collision switch on, thresholds identified from
+// its own identification run): an obstacle on the demo program's path is
+// noticed and the arm brakes and holds; without one, nothing is noticed.
+// (tql-collision-sweep measures every move type at three overrides.)
 #include <algorithm>
 #include <sstream>
 #include <string>
@@ -27,13 +29,18 @@ std::vector<double> ContactForces(const std::string& csv) {
 TEST(CollisionReflex, AnObstacleIsNoticedAndTheArmBrakesAndHoldsNothingElseIs) {
     const struct {
         const char* override_;
-        const char* obstacle;  // TQL_SIM_OBSTACLE: a sphere on the arc the demo program carries its part along
-    } cases[] = {{"1", "none"}, {"0.3", "none"}, {"0.1", "-400,60,330,30"}};
+        const char* blend;
+        const char* obstacle;  // TQL_SIM_OBSTACLE
+    } cases[] = {{"1", "NO", "none"},
+                 {"0.3", "YES", "none"},
+                 // A sphere centred where the flange passes the via point of
+                 // the arc the program carries its part along (-20,20,60,10,-90,0).
+                 {"0.1", "NO", "-393.7,24.1,336.3,30"}};
     for (const auto& c : cases) {
         SCOPED_TRACE(std::string("override ") + c.override_ + ", obstacle " + c.obstacle);
         ScratchDir dir(false);
-        ASSERT_TRUE(tqltest::ExecSql(dir.File("parameter.db"), "UPDATE system_parameters SET VALUE='ON' WHERE ID=4;"));
-        const HostRun run = tqltest::RunHost(dir.path(), {"mode4"}, std::string(c.override_) + "\nCYCLE\nNO\n",
+        const HostRun run = tqltest::RunHost(dir.path(), {"mode4"},
+                                             std::string(c.override_) + "\nCYCLE\n" + c.blend + "\n",
                                              {{"TQL_SIM_RECORD", "rec.csv"}, {"TQL_SIM_OBSTACLE", c.obstacle}});
         const std::string rec = tqltest::ReadFile(dir.File("rec.csv"));
         const std::vector<double> forces = ContactForces(rec);
@@ -46,6 +53,8 @@ TEST(CollisionReflex, AnObstacleIsNoticedAndTheArmBrakesAndHoldsNothingElseIs) {
         }
         EXPECT_EQ(run.exit_code, 255) << run.out;
         EXPECT_NE(run.out.find("1  CollisionDetection.\n"), std::string::npos) << run.out;
+        EXPECT_NE(rec.find(",1,0,collision,"), std::string::npos);
+        EXPECT_NE(run.err.find("collision: joint 1, external torque "), std::string::npos) << run.err;
         ASSERT_FALSE(forces.empty());
         // Noticed and braked before the drives had to push hard: no trip.
         EXPECT_LT(*std::max_element(forces.begin(), forces.end()), 30.0);
