@@ -53,6 +53,7 @@ INSERT INTO GL_6L3 VALUES (14, 'identification_parameters', '[0]');
 -- nx, ny, nz, d: n . p <= d).
 INSERT INTO GL_6L3 VALUES (15, 'workspace_box_mm', '[-700,700,-700,700,0,900]');
 INSERT INTO GL_6L3 VALUES (17, 'collision_threshold_nm', '[2.5,2.5,2.5,1.6,1.6,1.6]');
+INSERT INTO GL_6L3 VALUES (18, 'payload', '[0,0,0,0]');
 
 CREATE TABLE GL_2P8_P6_3P3 (ID INTEGER PRIMARY KEY NOT NULL, NAME TEXT NOT NULL, VALUE TEXT NOT NULL);
 INSERT INTO GL_2P8_P6_3P3 VALUES (1, 'joint_speed_deg_s', '[90,90,90,120,120,120]');

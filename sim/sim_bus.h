@@ -120,6 +120,10 @@ struct Config {
     std::vector<ScriptedInterrupt> interrupts;  // sim.conf "interrupt_at"
     std::vector<Obstacle> obstacles;  // sim.conf "obstacle" lines, or TQL_SIM_OBSTACLE
     double link_radius = 0.04;        // m, the links' capsules for contacts
+    // What the arm carries (sim.conf "payload = M X Y Z": kg, and the centre
+    // of mass in mm in the flange frame): a point mass on the last link.
+    double payload_kg = 0.0;
+    double payload_com[3] = {};  // m
     int view_port = 0;      // live view's loopback port (sim_view.h), 0 = off
     std::string view_root;  // its page's files; empty: the installed or built bundle
 

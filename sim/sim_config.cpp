@@ -25,6 +25,7 @@ double Config::InitialPosition(uint8_t id) const {
 namespace {
 
 constexpr int kMaxActuators = 255;  // ids are 8-bit; 0 is not an actuator id
+constexpr double kMaxPayloadKg = 100.0;  // a payload beyond this is a typing error for any arm it drives
 
 std::string Trim(const std::string& s) {
     const char* blanks = " \t\r\n";
@@ -283,6 +284,17 @@ bool ApplyKey(ConfigDraft& d, const std::string& key, const std::string& value) 
         double mm = 0.0;
         if (!ParseDouble(value, &mm) || !(mm > 0.0)) return false;
         c.link_radius = mm * 1e-3;
+        return true;
+    }
+    if (key == "payload") {
+        const std::vector<std::string> items = SplitItems(value);
+        double v[4];
+        if (items.size() != 4) return false;
+        for (int i = 0; i < 4; ++i)
+            if (!ParseDouble(items[i], &v[i])) return false;
+        if (!(v[0] >= 0.0 && v[0] <= kMaxPayloadKg)) return false;
+        c.payload_kg = v[0];
+        for (int i = 0; i < 3; ++i) c.payload_com[i] = v[i + 1] * 1e-3;
         return true;
     }
     if (key == "view") return ParseViewPort(value, &c.view_port);

@@ -293,7 +293,7 @@ void LoadPhysics(Bus& bus) {
 
     const std::string path = InDirectory(bus.directory, bus.config.urdf_path);
     std::string problem;
-    if (!p.world.Load(path, &problem)) {
+    if (!p.world.Load(path, &problem, bus.config.payload_kg, bus.config.payload_com)) {
         std::fprintf(stderr, "sim: %s: %s; running without physics\n", path.c_str(), problem.c_str());
         return;
     }

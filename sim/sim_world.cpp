@@ -98,6 +98,8 @@ struct World::Impl {
 
     bool Build(const urdf::ModelInterface& model, std::string* problem);
     void Allocate();
+    // Adds a point mass (kg, at com in the link frame, m) to the last actuated link.
+    void AddPayload(double mass, const KDL::Vector& com);
     // The contacts as KDL wants them: on each segment, in its frame at the
     // joint angles in jq, about its origin.
     const KDL::Wrenches& ContactWrenches(const std::vector<Contact>& contacts);
@@ -151,6 +153,22 @@ bool World::Impl::Build(const urdf::ModelInterface& model, std::string* problem)
     return true;
 }
 
+void World::Impl::AddPayload(double mass, const KDL::Vector& com) {
+    KDL::Chain with;
+    const unsigned last = static_cast<unsigned>(link_segment.back());
+    for (unsigned k = 0; k < chain.getNrOfSegments(); ++k) {
+        const KDL::Segment& s = chain.getSegment(k);
+        if (k != last) {
+            with.addSegment(s);
+            continue;
+        }
+        // A point mass: no inertia about its own centre.
+        with.addSegment(KDL::Segment(s.getName(), s.getJoint(), s.getFrameToTip(),
+                                     s.getInertia() + KDL::RigidBodyInertia(mass, com)));
+    }
+    chain = with;
+}
+
 void World::Impl::Allocate() {
     const unsigned n = chain.getNrOfJoints();
     id.reset(new KDL::ChainIdSolver_RNE(chain, kGravity));
@@ -189,7 +207,7 @@ const KDL::Wrenches& World::Impl::ContactWrenches(const std::vector<Contact>& co
 
 bool World::Built() { return true; }
 
-bool World::Load(const std::string& path, std::string* problem) {
+bool World::Load(const std::string& path, std::string* problem, double payload_kg, const double* payload_com) {
     Clear();
     std::ifstream in(path, std::ios::binary);
     std::stringstream text;
@@ -207,6 +225,8 @@ bool World::Load(const std::string& path, std::string* problem) {
     }
     std::unique_ptr<Impl> impl(new Impl);
     if (!impl->Build(*model, problem)) return false;
+    if (payload_kg > 0.0 && payload_com != nullptr)
+        impl->AddPayload(payload_kg, KDL::Vector(payload_com[0], payload_com[1], payload_com[2]));
     impl->Allocate();
     const size_t n = impl->links.size();
     impl_ = std::move(impl);
@@ -323,7 +343,7 @@ struct World::Impl {};
 
 bool World::Built() { return false; }
 
-bool World::Load(const std::string&, std::string* problem) {
+bool World::Load(const std::string&, std::string* problem, double, const double*) {
     Clear();
     *problem = "built without KDL and urdfdom";
     return false;

@@ -67,7 +67,10 @@ public:
     // Reads a URDF file: a serial chain from the root link, revolute or
     // continuous joints (fixed joints allowed in between). False with a reason
     // in *problem, leaving the world empty.
-    bool Load(const std::string& path, std::string* problem);
+    // A payload (kg; centre of mass in m, in the last joint's link frame,
+    // which is the flange frame) is carried as a point mass on that link.
+    bool Load(const std::string& path, std::string* problem, double payload_kg = 0.0,
+              const double* payload_com = nullptr);
     void Clear();
     bool loaded() const;
     int joints() const;  // actuated joints, 0 when empty

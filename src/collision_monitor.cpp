@@ -39,7 +39,9 @@ bool CollisionMonitor::Arm(Robot* robot) {
         a[i] = robot->link_[i].mdh_[2] / 1000.0;
         d[i] = robot->link_[i].mdh_[3] / 1000.0;
     }
-    Start(a, d, rd->dynamic_parameters, threshold);
+    double P[kModelParameterCount];
+    ModelParameters(*robot, P);
+    Start(a, d, P, threshold);
     if (NoteFunction note = RecorderNote())
         for (int i = 0; i < kJoints; ++i) note(i + 1, "threshold", threshold[i]);
     return true;

@@ -157,6 +157,12 @@ bool FinitePositive(double v) { return std::isfinite(v) && v > 0.0; }
 
 }  // namespace
 
+bool PayloadUsable(const double* payload) {
+    const double m = payload[0], x = payload[1], y = payload[2], z = payload[3];
+    return m >= 0.0 && m <= kMaxPayloadKg && std::isfinite(x + y + z) &&
+           x * x + y * y + z * z <= kMaxPayloadReachMm * kMaxPayloadReachMm;
+}
+
 int RefuseParameterRow(int type, int row, const std::string& detail) {
     std::cout << "Parameter error: table " << TypeTableName(type) << ", row " << row << detail << std::endl;
     return -1;
@@ -185,6 +191,9 @@ int CheckRobotParameters(const ResourceData* rd, int joints, bool cartesian) {
             !(rd->workspace_box[k] < rd->workspace_box[k + 1]))
             return RefuseParameter(type, 15, k, rd->workspace_box[k],
                                    "the workspace box takes a finite minimum below its maximum per axis");
+    if (!PayloadUsable(rd->payload))
+        return RefuseParameter(type, 18, -1, rd->payload[0],
+                               "the payload is a mass of 0 to 100 kg with its centre within 1000 mm of the flange");
     for (int k = 0; k < 4 * rd->workspace_half_spaces; k += 4) {
         const double* n = rd->workspace_planes + k;
         const bool finite = std::isfinite(n[0]) && std::isfinite(n[1]) && std::isfinite(n[2]) && std::isfinite(n[3]);
@@ -204,6 +213,8 @@ int DatabaseToMechnical(ResourceData* rd) {
     if (GetDataFormChar(Slot(12), rd->kinematic_lengths, 80) < 0) return -1;
     if (GetDataFormChar(Slot(13), rd->dynamic_parameters, 260) < 0) return -1;
     if (GetDataFormChar(Slot(14), rd->identification_parameters, 220) < 0) return -1;
+    std::fill(rd->payload, rd->payload + 4, 0.0);
+    if (Slot(18)[0] != '\0' && GetDataFormChar(Slot(18), rd->payload, 4) < 0) return -1;
     rd->collision_threshold_set = Slot(17)[0] != '\0';
     if (rd->collision_threshold_set && GetDataFormChar(Slot(17), rd->collision_threshold, 20) < 0) return -1;
     // The workspace rows are optional: an absent row reads as an empty text.

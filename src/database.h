@@ -46,6 +46,10 @@ struct ResourceData {
     // observer's residual, before the sensitivity of system row 5.
     bool collision_threshold_set = false;
     double collision_threshold[20] = {};
+    // Type row 18 (optional): the payload the flange carries, as a point
+    // mass: kg, then its centre of mass x, y, z in mm in the flange frame
+    // (link 6's frame). The host may change it (SetPayload).
+    double payload[4] = {};
     bool workspace_box_set = false;
     double workspace_box[6] = {};
     int workspace_half_spaces = 0;
@@ -70,6 +74,11 @@ int CheckRobotParameters(const ResourceData* rd, int joints, bool cartesian);
 // Prints "Parameter error: table NAME, row ROW" and `detail` (e.g. ", entry
 // 3, value nan: ..." or ": ...") for robot type `type`; returns -1.
 int RefuseParameterRow(int type, int row, const std::string& detail);
+// A payload (kg, centre x, y, z in mm) the model can take: a mass of 0 to
+// kMaxPayloadKg, its centre finite and within kMaxPayloadReachMm of the flange.
+constexpr double kMaxPayloadKg = 100.0;
+constexpr double kMaxPayloadReachMm = 1000.0;
+bool PayloadUsable(const double* payload);
 int GetDataFormChar(const char* text, double* out, int n);
 int UpdateRobotType(char* value, int id);
 int DynamicsSwitch(char* value);

@@ -2,7 +2,9 @@
 // the generalised-momentum collision observer.
 #include "dynamics.h"
 
+#include <algorithm>
 #include <cmath>
+#include <mutex>
 #include <iostream>
 #include <sstream>
 
@@ -38,8 +40,47 @@ void GeometryInMetres(const Robot& robot, double* a, double* d) {
     }
 }
 
+// The payload in use (kg; centre x, y, z in mm, flange frame): row 18 as
+// booted until the host sets another. Guarded: the host sets it from its own
+// thread while a monitoring loop may be reading it.
+std::mutex payload_mutex;
+
 }  // namespace
 
+int SetPayload(double mass_kg, const double* com_mm) {
+    if (com_mm == nullptr) return -1;
+    const double payload[4] = {mass_kg, com_mm[0], com_mm[1], com_mm[2]};
+    if (!PayloadUsable(payload)) return -1;
+    std::lock_guard<std::mutex> lock(payload_mutex);
+    std::copy(payload, payload + 4, GetResourceDate()->payload);
+    return 0;
+}
+
+void GetPayload(double* payload) {
+    std::lock_guard<std::mutex> lock(payload_mutex);
+    std::copy(GetResourceDate()->payload, GetResourceDate()->payload + 4, payload);
+}
+
+void ModelParameters(const Robot& robot, double* P) {
+    const double* row = GetResourceDate()->dynamic_parameters;
+    std::copy(row, row + kModelParameterCount, P);
+    double payload[4];
+    GetPayload(payload);
+    const double m = payload[0];
+    if (!(m > 0.0)) return;
+    // The point mass's standard parameters on link 6 (about the link frame's
+    // origin): the inertia m (|c|^2 I - c c^T), the first moments m c, m.
+    const double x = payload[1] / 1000.0, y = payload[2] / 1000.0, z = payload[3] / 1000.0;
+    double standard[10 * kDynamicsJointNum] = {};
+    double* link6 = standard + 10 * (kDynamicsJointNum - 1);
+    const double values[10] = {m * (y * y + z * z), -m * x * y, -m * x * z, m * (x * x + z * z), -m * y * z,
+                               m * (x * x + y * y), m * x, m * y, m * z, m};
+    std::copy(values, values + 10, link6);
+    double a[kDynamicsJointNum], d[kDynamicsJointNum], shift[kBaseParameterNum];
+    GeometryInMetres(robot, a, d);
+    standard_to_base_parameters(a, kModelAlpha, d, standard, shift);
+    for (int i = 0; i < kBaseParameterNum; ++i) P[i] += shift[i];
+}
 
 double signd(double x) {
     if (x > 1e-5) return 1.0;
@@ -68,7 +109,9 @@ int Robot::InverseDynamics(double* q, double* dq, double* ddq, double* tau) {
     }
     double a[kDynamicsJointNum], d[kDynamicsJointNum];
     GeometryInMetres(*this, a, d);
-    InverserDynamicsUr(a, d, q, dq, ddq, tau, GetResourceDate()->dynamic_parameters);
+    double P[kModelParameterCount];
+    ModelParameters(*this, P);
+    InverserDynamicsUr(a, d, q, dq, ddq, tau, P);
     return 0;
 }
 
@@ -86,8 +129,9 @@ double GravityGain() {
 void CompensationTorques(Robot& robot, double* q, double* tau) {
     double a[kDynamicsJointNum], d[kDynamicsJointNum];
     GeometryInMetres(robot, a, d);
-    double zero[kDynamicsJointNum] = {};
-    InverserDynamicsUr(a, d, q, zero, zero, tau, GetResourceDate()->dynamic_parameters);
+    double zero[kDynamicsJointNum] = {}, P[kModelParameterCount];
+    ModelParameters(robot, P);
+    InverserDynamicsUr(a, d, q, zero, zero, tau, P);
     scaling(tau, GravityGain(), kDynamicsJointNum);
 }
 

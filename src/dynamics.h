@@ -73,6 +73,21 @@ constexpr double kModelAlpha[kDynamicsJointNum] = {0.0, 1.5707963, 0.0, 0.0, -1.
 void ModelAngles(const double* q, double* theta);
 // tau (6, N*m) for user-zero q, dq, ddq, geometry a, d (metres) and P (36).
 void InverserDynamicsUr(double* a, double* d, double* q, double* dq, double* ddq, double* tau, double* P);
+// The model as the controller uses it (48 values: the 36 base parameters,
+// then viscous and Coulomb friction per joint): row 13 plus what the payload
+// adds to link 6 (a point mass shifts the base parameters linearly, through
+// standard_to_base_parameters at the robot's geometry).
+constexpr int kModelParameterCount = kBaseParameterNum + 2 * kDynamicsJointNum;
+void ModelParameters(const Robot& robot, double* P);
+// The payload the model includes: mass (kg) and centre of mass (x, y, z, mm,
+// flange frame, which is link 6's frame). Row 18 of the robot type's table
+// at boot; SetPayload replaces it until the next boot (not stored). -1 and
+// nothing changed for a mass outside 0 .. 100 kg or a centre not finite or
+// beyond 1000 mm. Gravity compensation takes it from its next period, the
+// collision monitor from the next motion.
+int SetPayload(double mass_kg, const double* com_mm);
+void GetPayload(double* payload);  // mass, x, y, z
+
 // Sign with a dead band, for Coulomb friction: 1 above 1e-5, -1 below -1e-5, else 0.
 double signd(double x);
 
