@@ -110,6 +110,10 @@ int WatchForCollision(Robot* robot, CollisionMonitor* monitor, double h) {
     for (int i = 0; i < CollisionMonitor::kJoints; ++i)
         if (robot->link_[i].GetErrorCode() != 0) return 0;
     robot->GetCurrentTVPFast(tau, dq, q);
+    return ObserveCollision(monitor, q, dq, tau, h);
+}
+
+int ObserveCollision(CollisionMonitor* monitor, const double* q, const double* dq, const double* tau, double h) {
     const double now = tql::NowSeconds();
     const int hit = monitor->Step(q, dq, tau, h, now - monitor->last_reading_time);
     monitor->last_reading_time = now;

@@ -137,11 +137,15 @@ void CompensationTorques(Robot& robot, double* q, double* tau) {
 
 }  // namespace
 
-int Robot::GravityCompensation(double* q, double* /*dq*/) {
+int Robot::GravityCompensation(double* q, double* dq) { return GravityCompensation(q, dq, nullptr); }
+
+int Robot::GravityCompensation(double* q, double* /*dq*/, double* sent) {
     if (robot_type_ != kTypeGL_6L3) return 0;
     double tau[kDynamicsJointNum];
     CompensationTorques(*this, q, tau);
-    return SetMachineTorque(tau) < 0 ? -1 : 0;
+    if (SetMachineTorque(tau) < 0) return -1;
+    if (sent != nullptr) std::copy(tau, tau + kDynamicsJointNum, sent);
+    return 0;
 }
 
 namespace {

@@ -172,6 +172,8 @@ public:
     // Sends the model's static torques at q, times the gain, as current
     // set-points. dq is not used. 0, or -1 when sending fails.
     int GravityCompensation(double* q, double* dq);
+    // The same, giving the torques sent (N*m, six joints) in *sent when not null.
+    int GravityCompensation(double* q, double* dq, double* sent);
     // One 4 ms step of the collision observer. q_prev: joint angles of the
     // previous step; tau: the joints' present torques [N*m]; spare: unused.
     // 0, or -1 (with a message) at the first joint beyond its threshold.

@@ -11,6 +11,7 @@
 #include <mutex>
 #include <thread>
 
+#include "collision_monitor.h"
 #include "database.h"
 #include "dynamics.h"
 #include "execute.h"
@@ -113,7 +114,13 @@ int RealTimeMonitoring() {
     double current[kMaxJointNum] = {};
     double velocity[kMaxJointNum] = {};
     double position[kMaxJointNum] = {};
-    bool faulted = false;
+    bool faulted = false, collided = false;
+    // The collision monitor watches the floating arm against the torques it
+    // is commanded: the operator's hand shows in the residual too, but a
+    // guiding hand pushes gently where an impact strikes.
+    CollisionMonitor monitor;
+    if (compensate) monitor.Arm(robot);
+    double sent[kMaxJointNum] = {};
     monitoring.store(true);
     tql::PeriodicTimer timer(PERIOD);
     while (GetCurrentRunningMode() == kDragTeachingMode) {
@@ -123,7 +130,16 @@ int RealTimeMonitoring() {
         robot->GetCurrentCVPFast(current, velocity, position);
         SetRealTimePos(position);
         DeliverPosition(position);
-        if (compensate && robot->GravityCompensation(position, velocity) < 0) {
+        // Over the period just ended the joints gave what was sent before it.
+        const int joint = monitor.armed() ? ObserveCollision(&monitor, position, velocity, sent, PERIOD) : 0;
+        if (joint > 0) {
+            std::cout << joint << "  CollisionDetection." << std::endl;
+            ReportCollision(monitor, joint);
+            SetSystemStatus(false);
+            faulted = collided = true;
+            break;
+        }
+        if (compensate && robot->GravityCompensation(position, velocity, sent) < 0) {
             SetSystemStatus(false);
             SendErrorCode(1, 3, "Gravity Compensation error ");
             faulted = true;
@@ -139,7 +155,7 @@ int RealTimeMonitoring() {
         ReplayMode();
     else
         robot->ActivateCurrentMode();
-    return 0;
+    return collided ? -1 : 0;
 }
 
 void MultiThreadTrigger() {

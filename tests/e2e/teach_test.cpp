@@ -122,16 +122,36 @@ TEST(Teaching, RecordedByHandAndReplayedToTheSamePoses) {
         << "no run of " << samples.size() - 1 << " set-points equal to the recorded samples";
 }
 
-TEST(Teaching, CompensationFaultEndsTheRecordingWithoutSaving) {
-    tqltest::ScratchDir dir(false);
-    const std::string before = tqltest::ReadFile(dir.File("file/trajectory.txt"));
-    tqltest::EnvList env = kHand;
-    env.push_back({"TQL_SIM_FAULT", "error:2:0x4:time:5"});  // joint 2 faults while the hand guides the arm
-    const tqltest::HostRun rec = tqltest::RunHost(dir.path(), {"mode1"}, "start\n\n", env);
-    EXPECT_EQ(rec.exit_code, 255) << rec.out << rec.err;
-    EXPECT_NE(rec.out.find("Gravity Compensation error 1-3: Gravity Compensation error .\n"), std::string::npos)
-        << rec.out;
-    EXPECT_NE(rec.out.find("Recording discarded: file/trajectory.txt is unchanged.\n"), std::string::npos) << rec.out;
-    EXPECT_EQ(rec.out.find("Save to file"), std::string::npos) << rec.out;
-    EXPECT_EQ(tqltest::ReadFile(dir.File("file/trajectory.txt")), before);
+TEST(Teaching, FaultOrImpactEndsTheRecordingWithoutSavingAndHoldsTheArm) {
+    const struct {
+        tqltest::EnvList env;
+        const char* said;
+    } cases[] = {
+        // Joint 2 faults while the hand guides the arm.
+        {{{"TQL_SIM_FAULT", "error:2:0x4:time:5"}}, "Gravity Compensation error 1-3: Gravity Compensation error .\n"},
+        // The hand swings the floating arm into a sphere where the demo
+        // program's arc passes: the collision monitor, watching the commanded
+        // torques, notices the impact (the gentle hand before it, it does not).
+        {{{"TQL_SIM_OBSTACLE", "-393.7,24.1,336.3,30"}}, "1  CollisionDetection.\n"},
+    };
+    for (const auto& c : cases) {
+        tqltest::ScratchDir dir(false);
+        const std::string before = tqltest::ReadFile(dir.File("file/trajectory.txt"));
+        tqltest::EnvList env = kHand;
+        env.insert(env.end(), c.env.begin(), c.env.end());
+        env.push_back({"TQL_SIM_RECORD", "rec.csv"});
+        const tqltest::HostRun rec = tqltest::RunHost(dir.path(), {"mode1"}, "start\n\n", env);
+        EXPECT_EQ(rec.exit_code, 255) << rec.out << rec.err;
+        EXPECT_NE(rec.out.find(c.said), std::string::npos) << rec.out;
+        EXPECT_NE(rec.out.find("Recording discarded: file/trajectory.txt is unchanged.\n"), std::string::npos)
+            << rec.out;
+        EXPECT_EQ(rec.out.find("Save to file"), std::string::npos) << rec.out;
+        EXPECT_EQ(tqltest::ReadFile(dir.File("file/trajectory.txt")), before);
+        // Held in position mode where it stopped: the last mode switch is to
+        // position mode (3) for every actuator.
+        const std::string log = tqltest::ReadFile(dir.File("rec.csv"));
+        const size_t last = log.rfind(",activateActuatorModeInBantch,");
+        ASSERT_NE(last, std::string::npos);
+        EXPECT_EQ(log.substr(last, 32), ",activateActuatorModeInBantch,3\n");
+    }
 }

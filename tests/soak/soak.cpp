@@ -833,6 +833,7 @@ std::string Judge(const Case& c, const Outcome& o, bool* accepted) {
     if (*accepted) return must_refuse ? "a trajectory file that must be refused was replayed" : "";
     // A job stopped on the way ends with -1 and says nothing more.
     if (c.stop_after >= 0 && o.result == -1 && refusal.empty()) return "";
+    if (collision_by_design && o.result == -1 && refusal.empty()) return "";  // braked, as for a stop
     if (refusal.empty()) return std::to_string(o.result) + " without a known refusal message";
     // Hand guiding and the excitation move the arm before they can fail on
     // the way; only their refusals before motion must have sent nothing.
