@@ -97,6 +97,7 @@ void LoadBus(Bus& bus) {
     bus.beyond_limit_count = 0;
     bus.current_beyond_peak_count = 0;
     bus.digital_outputs.clear();
+    bus.monitor = Bus::MonitorNotes();
     bus.error_callbacks.clear();
     bus.para_callbacks.clear();
     LoadPhysics(bus);

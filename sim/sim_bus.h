@@ -259,6 +259,15 @@ struct Bus {
     long beyond_limit_count = 0;         // position and current set-points
     long current_beyond_peak_count = 0;  // of those, currents beyond the peak
     std::map<int, int> digital_outputs;  // output number -> 1 on, 0 off (switched since load)
+    // The controller's collision monitor as its notes give it (for the live
+    // view): each joint's threshold and last residual (N*m), and the joint it
+    // last found beyond its threshold (1-based; 0 since it was last armed).
+    struct MonitorNotes {
+        bool armed = false;
+        double threshold[6] = {};
+        double residual[6] = {};
+        int collision_joint = 0;
+    } monitor;
     std::vector<ActuatorController::ErrorCallback> error_callbacks;
     std::vector<ActuatorController::ParaRequestCallback> para_callbacks;
     Physics physics;

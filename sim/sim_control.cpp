@@ -4,6 +4,7 @@
 #include <cctype>
 #include <cmath>
 #include <limits>
+#include <string>
 
 #include "sim_bus.h"
 
@@ -182,6 +183,18 @@ void tql_sim_record_note(int id, const char* what, double value) {
     if (n == 0) return;
     BusCall call;
     call.bus.recorder.Row(call.now, id, 0, what, value);
+    tqlsim::Bus::MonitorNotes& m = call.bus.monitor;
+    if (id < 1 || id > 6) return;
+    const std::string name = what;
+    if (name == "threshold") {
+        if (!m.armed || id == 1) m = tqlsim::Bus::MonitorNotes();  // armed anew
+        m.armed = true;
+        m.threshold[id - 1] = value;
+    } else if (name == "residual") {
+        m.residual[id - 1] = value;
+    } else if (name == "collision") {
+        m.collision_joint = id;
+    }
 }
 
 void tql_sim_torque_pulse(int id, double at, double torque, double duration) {

@@ -154,7 +154,6 @@ void ActuatorController::activateActuatorModeInBantch(std::vector<uint8_t> ids, 
 void ActuatorController::setPosition(uint8_t id, double pos, const std::string&) {
     BusCall call;
     tqlsim::RecordCommand(call, id, "setPosition", pos);
-    tqlsim::SampleCollisionResidual(call.bus);
     SimActuator* a = Find(call, id);
     if (a == nullptr) return;
     const double dt = std::max(call.now - a->reference_time, tqlsim::kPeriod);

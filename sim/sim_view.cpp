@@ -56,9 +56,6 @@ constexpr int kRequestMs = 2000;       // whole request must arrive within this
 constexpr int kResponseMs = 10000;     // and the response be taken within this
 constexpr size_t kMaxRequest = 8192;   // bytes of request line and headers
 constexpr int kResidualJoints = 6;     // the controller's dynamic model's joints
-// GetCollisionResidual() of libtql.so (src/dynamics.h), looked up at run time:
-// the bus never links to the library that drives it.
-constexpr const char* kResidualSymbol = "_Z20GetCollisionResidualv";
 
 // Files of the page a client may ask for, by name; nothing else is served from the root.
 struct StaticFile {
@@ -86,11 +83,6 @@ struct Server {
 std::mutex server_mutex;     // guards `server`
 Server* server = nullptr;    // the running server, null when off
 
-// The residual's last copy; guarded by the bus mutex.
-using ResidualFn = const double* (*)();
-std::atomic<ResidualFn> residual_fn{nullptr};  // non-null while a view runs with libtql.so loaded
-double residual[kResidualJoints] = {};
-bool residual_sampled = false;
 
 bool Elapsed(std::chrono::steady_clock::time_point deadline) { return std::chrono::steady_clock::now() >= deadline; }
 
@@ -192,8 +184,7 @@ struct Snapshot {
     bool virtual_clock = false;
     bool physics = false;
     std::vector<ActuatorView> actuators;
-    bool has_residual = false;
-    double residual[kResidualJoints] = {};
+    Bus::MonitorNotes monitor;  // the collision monitor, as its notes say
     std::map<int, int> digital_outputs;  // output number -> 1 on, 0 off
 };
 
@@ -225,15 +216,7 @@ bool TakeSnapshot(const Server& s, Snapshot* snap) {
         v.drive = bus.config.DriveOf(a.id);
         snap->actuators.push_back(v);
     }
-    // The observer's residual is zero until it has stepped once after its
-    // reset (InitC), and is then an estimate of the external torque; an
-    // all-zero copy means no observer is running and is left out.
-    if (residual_sampled) {
-        for (int i = 0; i < kResidualJoints; ++i) {
-            snap->residual[i] = residual[i];
-            if (residual[i] != 0.0) snap->has_residual = true;
-        }
-    }
+    snap->monitor = bus.monitor;
     return true;
 }
 
@@ -289,13 +272,19 @@ std::string StateJson(const Snapshot& snap, double now) {
         j += item;
     }
     j += "]";
-    if (snap.has_residual) {
-        j += ",\"collision_residual\":[";
-        for (int i = 0; i < kResidualJoints; ++i) {
-            if (i > 0) j += ",";
-            Number(j, snap.residual[i]);
+    // The collision monitor while one is armed: residuals and thresholds
+    // (N*m) and the joint it found beyond its threshold (0: none).
+    if (snap.monitor.armed) {
+        for (const auto& [name, values] : {std::make_pair("collision_residual", snap.monitor.residual),
+                                           std::make_pair("collision_threshold", snap.monitor.threshold)}) {
+            j += std::string(",\"") + name + "\":[";
+            for (int i = 0; i < kResidualJoints; ++i) {
+                if (i > 0) j += ",";
+                Number(j, values[i]);
+            }
+            j += "]";
         }
-        j += "]";
+        j += ",\"collision_joint\":" + std::to_string(snap.monitor.collision_joint);
     }
     j += "}\n";
     return j;
@@ -460,7 +449,6 @@ std::string ViewRoot(const std::string& directory, const std::string& configured
 void StopView() {
     std::lock_guard<std::mutex> lock(server_mutex);
     if (server == nullptr) return;
-    residual_fn.store(nullptr);
     server->stop.store(true);
     if (server->thread.joinable()) server->thread.join();
     close(server->fd);
@@ -470,7 +458,6 @@ void StopView() {
 
 void RestartView(Bus& bus) {
     StopView();
-    residual_sampled = false;
     const int port = bus.config.view_port;
     if (port <= 0) return;
     const int fd = Listen(port);
@@ -501,18 +488,9 @@ void RestartView(Bus& bus) {
         delete s;
         return;
     }
-    residual_fn.store(reinterpret_cast<ResidualFn>(dlsym(RTLD_DEFAULT, kResidualSymbol)));
     std::lock_guard<std::mutex> lock(server_mutex);
     server = s;
 }
 
-void SampleCollisionResidual(Bus&) {
-    const ResidualFn fn = residual_fn.load();
-    if (fn == nullptr) return;
-    const double* r = fn();
-    if (r == nullptr) return;
-    std::copy(r, r + kResidualJoints, residual);
-    residual_sampled = true;
-}
 
 }  // namespace tqlsim

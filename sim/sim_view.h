@@ -24,11 +24,6 @@ void RestartView(Bus& bus);
 // Stops the server and joins its thread (with or without the bus mutex held;
 // never from the server's own thread). Does nothing when none runs.
 void StopView();
-// Takes a copy of the controller's collision residual (six N*m values) into
-// the view's state when the view runs and libtql.so is in the process. Called
-// with the bus mutex held by the thread that sends the position set-points,
-// the thread whose control loop owns the residual.
-void SampleCollisionResidual(Bus& bus);
 
 // The view root: TQL_SIM_VIEW_ROOT, else `configured` (relative to `directory`),
 // else the installed share/tql/web seen from this library's directory (found

@@ -30,6 +30,8 @@ const materials = {
   link: new THREE.MeshStandardMaterial({ color: 0xe8ebee, roughness: 0.45, metalness: 0.1 }),
   joint: new THREE.MeshStandardMaterial({ color: 0x2f6fae, roughness: 0.4, metalness: 0.2 }),
   near: new THREE.MeshStandardMaterial({ color: 0xe0621c, roughness: 0.4, metalness: 0.2, emissive: 0x5a1a00 }),
+  // The joint the collision monitor stopped the arm for.
+  collided: new THREE.MeshStandardMaterial({ color: 0xd0142c, roughness: 0.3, metalness: 0.1, emissive: 0x8a0010 }),
   base: new THREE.MeshStandardMaterial({ color: 0x3b4450, roughness: 0.6, metalness: 0.3 }),
   flange: new THREE.MeshStandardMaterial({ color: 0xc9a227, roughness: 0.35, metalness: 0.5 }),
 };
@@ -221,7 +223,8 @@ function show(state) {
     if (!j || a.angle === null) return;
     if (j.type === 'prismatic') j.pivot.position.copy(j.axis).multiplyScalar(a.angle);
     else j.pivot.quaternion.setFromAxisAngle(j.axis, a.angle);
-    j.housing.material = a.near_limit ? materials.near : materials.joint;
+    j.housing.material = state.collision_joint === k + 1 ? materials.collided
+      : (a.near_limit ? materials.near : materials.joint);
   });
   // Where the drawing puts the last link's origin (base frame, m), for tests.
   if (flangeLink) view.flange = flangeLink.getWorldPosition(new THREE.Vector3()).toArray();
@@ -230,7 +233,7 @@ function show(state) {
   while (body.rows.length < acts.length) body.insertRow().innerHTML = '<td></td><td></td><td></td><td></td>';
   acts.forEach((a, k) => {
     const row = body.rows[k];
-    row.className = a.near_limit ? 'near' : '';
+    row.className = state.collision_joint === k + 1 ? 'collided' : (a.near_limit ? 'near' : '');
     row.cells[0].textContent = `${k + 1} (id ${a.id})`;
     row.cells[1].textContent = fmt(a.angle_deg);
     row.cells[2].textContent = fmt(a.setpoint_deg);
@@ -239,8 +242,12 @@ function show(state) {
   const modes = new Set(acts.map((a) => a.mode_name));
   document.getElementById('mode').textContent = modes.size === 1 ? [...modes][0] : (modes.size ? 'mixed modes' : 'no actuators');
   document.getElementById('time').textContent = `t = ${state.time.toFixed(2)} s`;
+  // The collision monitor, while armed: each joint's residual over its threshold.
   document.getElementById('residual').textContent = state.collision_residual
-    ? 'collision residual [N·m]: ' + state.collision_residual.map((r) => r.toFixed(2)).join(' ') : '';
+    ? (state.collision_joint ? `collision at joint ${state.collision_joint} · ` : '') + 'residual / threshold [N·m]: ' +
+      state.collision_residual.map((r, i) => `${r.toFixed(2)}/${state.collision_threshold[i].toFixed(2)}`).join(' ')
+    : '';
+  view.collisionJoint = state.collision_joint || 0;
   document.getElementById('outputs').replaceChildren(...(state.digital_outputs || []).map(({ output, on }) => {
     const item = document.createElement('span');
     item.className = on ? 'on' : '';

@@ -111,7 +111,17 @@ TEST_F(SimView, StateReportsJointAnglesLimitsAndSetPointsAsTheBusConverts) {
         EXPECT_EQ(Field(state, c.id, "mode"), Actuator::Mode_Pos);
     }
     EXPECT_NEAR(Field(state, 1, "setpoint_deg"), 20.0, 1e-6);
-    EXPECT_EQ(state.find("collision_residual"), std::string::npos) << "no observer runs in this process";
+    EXPECT_EQ(state.find("collision_residual"), std::string::npos) << "no collision monitor is armed";
+
+    // The collision monitor's notes: armed (thresholds), stepped (residuals),
+    // and a joint found beyond its threshold.
+    for (int joint = 1; joint <= 6; ++joint) tql_sim_record_note(joint, "threshold", 2.0 + joint);
+    tql_sim_record_note(3, "residual", 1.25);
+    tql_sim_record_note(3, "collision", 6.5);
+    const std::string noted = Body(Get(port, "/state"));
+    for (const char* part : {"\"collision_residual\":[0,0,1.25,0,0,0]", "\"collision_threshold\":[3,4,5,6,7,8]",
+                             "\"collision_joint\":3"})
+        EXPECT_NE(noted.find(part), std::string::npos) << part << "\n" << noted;
 }
 
 TEST_F(SimView, ServesTheDigitalOutputsAndTheWorkspaceOfTheDatabase) {
