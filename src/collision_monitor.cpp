@@ -118,7 +118,10 @@ int ObserveCollision(CollisionMonitor* monitor, const double* q, const double* d
     const int hit = monitor->Step(q, dq, tau, h, now - monitor->last_reading_time);
     monitor->last_reading_time = now;
     if (NoteFunction note = RecorderNote()) {
-        for (int i = 0; i < CollisionMonitor::kJoints; ++i) note(i + 1, "residual", monitor->residual(i));
+        for (int i = 0; i < CollisionMonitor::kJoints; ++i) {
+            note(i + 1, "torque", tau[i]);
+            note(i + 1, "residual", monitor->residual(i));
+        }
     }
     return hit;
 }

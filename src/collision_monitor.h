@@ -72,7 +72,8 @@ private:
 int WatchForCollision(Robot* robot, CollisionMonitor* monitor, double h);
 // Steps `monitor` on readings taken now (q, dq) and the torques the joints
 // gave (measured, or in current mode the commanded ones): as Step, with dt
-// from the library's clock and the residuals noted in the flight recorder.
+// from the library's clock and the torques and residuals noted in the
+// flight recorder.
 int ObserveCollision(CollisionMonitor* monitor, const double* q, const double* dq, const double* tau, double h);
 // Says on standard error (and in the simulated bus's flight recorder) which
 // joint's residual passed its threshold, and by how much.

@@ -10,7 +10,10 @@ Inputs (--kind auto tells them apart by content):
 
 Figures: joint position / speed / acceleration / jerk over time with the
 database's limits dashed; the flange path from the forward kinematics; for a
-recording, the set-point period statistics of tql-pacing.
+recording, the set-point period statistics of tql-pacing and, when the
+collision monitor stopped the arm, the impact: the joint's measured torque
+and the observer's residual against its threshold, the contact forces and
+the joint's set-points around the detection.
 
 Joint angles are the controller's: revolutions * direction / reduction * 360
 degrees. Derivatives are finite differences of the set-points over the
@@ -437,6 +440,74 @@ def figure_pacing(title, ids, stats):
     return fig
 
 
+def read_monitor(path):
+    """The collision monitor's notes and the world's contacts in a flight
+    recording: {"torque"|"residual": {joint: (times, N*m)}, "threshold":
+    {joint: N*m}, "collision": (time, joint) or None, "contact": {link:
+    (times, N)}}."""
+    series = {"torque": {}, "residual": {}, "contact": {}}
+    monitor = {"threshold": {}, "collision": None}
+    with open(path, "r", errors="replace") as f:
+        f.readline()
+        for line in f:
+            fields = line.strip().split(",")
+            if len(fields) != 5 or fields[3] not in ("torque", "residual", "contact", "threshold", "collision"):
+                continue
+            t, ident, value = float(fields[0]), int(fields[1]), float(fields[4])
+            if fields[3] == "threshold":
+                monitor["threshold"][ident] = value
+            elif fields[3] == "collision":
+                monitor["collision"] = monitor["collision"] or (t, ident)
+            else:
+                series[fields[3]].setdefault(ident, []).append((t, value))
+    for name, by_id in series.items():
+        monitor[name] = {k: tuple(np.array(v).T) for k, v in by_id.items()}
+    return monitor
+
+
+def figure_impact(title, monitor, streams):
+    """The joint the collision monitor stopped for, around the detection:
+    its measured torque and the observer's residual against the threshold,
+    the contact forces, and its set-points."""
+    import matplotlib.pyplot as plt
+    t_hit, joint = monitor["collision"]
+    lo, hi = t_hit - 0.3, t_hit + 0.6
+    fig, axes = plt.subplots(3, 1, figsize=(WIDTH_IN, HEIGHT_IN), dpi=DPI, sharex=True)
+    ax = axes[0]
+    for name, style in (("torque", "-"), ("residual", "-")):
+        if joint in monitor[name]:
+            t, v = monitor[name][joint]
+            keep = (t >= lo) & (t <= hi)
+            ax.plot(t[keep], v[keep], style, label="%s, joint %d" % ("measured torque" if name == "torque"
+                                                                      else "observer residual", joint))
+    limit = monitor["threshold"].get(joint)
+    if limit is not None:
+        for sign in (1, -1):
+            ax.axhline(sign * limit, color="red", linestyle="--", linewidth=1,
+                       label="threshold ±%.2f N·m" % limit if sign > 0 else None)
+    ax.set_ylabel("N·m")
+    ax = axes[1]
+    for link, (t, v) in sorted(monitor["contact"].items()):
+        keep = (t >= lo) & (t <= hi)
+        ax.plot(t[keep], v[keep], label="contact on link %d" % link)
+    ax.axhline(30.0, color="grey", linestyle=":", linewidth=1, label="30 N")
+    ax.set_ylabel("N")
+    ax = axes[2]
+    t, q = streams[joint - 1]
+    keep = (t >= lo) & (t <= hi)
+    ax.plot(t[keep], q[keep], ".", markersize=2, label="set-points, joint %d" % joint)
+    ax.set_ylabel("deg")
+    ax.set_xlabel("time [s]")
+    for ax in axes:
+        ax.axvline(t_hit, color="k", linewidth=1)
+        ax.grid(True, alpha=0.3)
+        ax.legend(fontsize=8, loc="upper left")
+    axes[0].set_title("detection at %.3f s (vertical line)" % t_hit, fontsize=10)
+    fig.suptitle(title, fontsize=14)
+    fig.tight_layout(rect=(0, 0, 1, 0.95))
+    return fig
+
+
 # ---------------------------------------------------------------- main
 
 def output_prefix(out, input_path):
@@ -524,6 +595,9 @@ def run(args):
         figures.append(("path", figure_path("%s %s: flange path" % (what, name), q_path, params, tql)))
     if kind == "record":
         figures.append(("pacing", figure_pacing("%s %s: set-point periods" % (what, name), ids, stats)))
+        monitor = read_monitor(args.input)
+        if monitor["collision"] is not None:
+            figures.append(("impact", figure_impact("%s %s: collision" % (what, name), monitor, streams)))
 
     try:
         prefix = output_prefix(args.out, args.input)
