@@ -62,6 +62,10 @@ void CollisionMonitor::Start(const double* a, const double* d, const double* par
 
 int CollisionMonitor::Step(const double* q_in, const double* dq_in, const double* tau, double h, double dt) {
     if (!armed_ || !(h > 0.0)) return 0;
+    for (int i = 0; i < kJoints; ++i) {
+        torque_before_[i] = started_ ? torque_[i] : tau[i];
+        torque_[i] = tau[i];
+    }
     // Observe only over periods that follow kSteadyTicks on time.
     steady_ = std::fabs(dt - h) <= kTickTolerance * h ? steady_ + 1 : 0;
     if (steady_ < kSteadyTicks) started_ = false;

@@ -39,6 +39,10 @@ public:
     // observer sees it.
     double residual(int joint) const { return r_[joint]; }
     double threshold(int joint) const { return threshold_[joint]; }
+    // The torque a 0-based joint gave in the last period (N*m), and its
+    // change since the period before.
+    double torque(int joint) const { return torque_[joint]; }
+    double torque_change(int joint) const { return torque_[joint] - torque_before_[joint]; }
     // One period of h seconds, its readings taken dt seconds after the ones
     // before (dt = h on time; a late reading integrates over what really
     // passed): the first 1-based joint whose residual is beyond its
@@ -65,6 +69,7 @@ private:
     double q_prev_[kJoints] = {};
     double integral_[kJoints] = {};  // p0 + the integral of (tau - beta + r) dt
     double r_[kJoints] = {};
+    double torque_[kJoints] = {}, torque_before_[kJoints] = {};
 };
 
 // Reads the arm's joints, rates and torques now (the bus's latest readings,

@@ -6,6 +6,7 @@
 // period allocates.
 #include "interpolation.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cmath>
 #include <csignal>
@@ -483,6 +484,7 @@ int ArmOutput::Pass(double* command, double* previous) {
 }
 
 int ArmOutput::SendOne(double* command, double* previous) {
+    if (yielded_) return -1;  // the arm is held where the yield left it: nothing more
     const int sent = joint_samples_ ? robot_->SendPosition(command, previous)
                                     : robot_->SendMachinePosition(command, previous);
     if (sent < 0) return -1;
@@ -497,8 +499,59 @@ int ArmOutput::SendOne(double* command, double* previous) {
             ReportCollision(monitor_, joint);
             collided_ = true;
         }
+        if (collided_ && DriveOverloadAhead()) return Yield();
     }
     return 0;
+}
+
+bool ArmOutput::DriveOverloadAhead() const {
+    for (int i = 0; i < CollisionMonitor::kJoints; ++i) {
+        const double ahead = std::fabs(monitor_.torque(i) + monitor_.torque_change(i));
+        if (ahead > kYieldShare * robot_->link_[i].PeakTorque()) return true;
+    }
+    return false;
+}
+
+int ArmOutput::Yield() {
+    stopped_ = true;
+    yielded_ = true;
+    constexpr int n = CollisionMonitor::kJoints;
+    std::fprintf(stderr, "collision: the brake would overload a drive; the arm yields (floats, damped) and is held "
+                         "where it comes to rest\n");
+    robot_->ActivateCurrentModeAtOnce();
+    double current[kMaxJointNum], dq[kMaxJointNum], q[kMaxJointNum], zero[kMaxJointNum] = {};
+    double g[kMaxJointNum], column[kMaxJointNum], unit[kMaxJointNum] = {}, tau[kMaxJointNum];
+    int still = 0, k = 0;
+    for (; k < kYieldMaxPeriods && still < kYieldRestPeriods; ++k) {
+        robot_->RequestCVPValue();
+        if (robot_->controller_ != nullptr) robot_->controller_->processEvents();
+        robot_->GetCurrentCVPFast(current, dq, q);
+        if (robot_->InverseDynamics(q, zero, zero, g) < 0) break;
+        bool slow = true;
+        for (int j = 0; j < n; ++j) {
+            // The joint's own inertia M_jj: damping in its units removes a
+            // fixed share of its momentum per period, stable on every joint.
+            unit[j] = 1.0;
+            robot_->InverseDynamics(q, zero, unit, column);
+            unit[j] = 0.0;
+            const double inertia = std::max(column[j] - g[j], 0.0);
+            const double peak = kYieldTorqueShare * robot_->link_[j].PeakTorque();
+            tau[j] = std::clamp(g[j] - kYieldDampingShare / period_ * inertia * dq[j], -peak, peak);
+            slow = slow && std::fabs(dq[j]) < kYieldRestRate;
+        }
+        if (robot_->SetMachineTorque(tau) < 0) break;  // a fault: held below all the same
+        still = slow ? still + 1 : 0;
+        timer_.Wait();
+    }
+    if (still >= kYieldRestPeriods)
+        std::fprintf(stderr, "collision: the arm came to rest in %.3f s and is held\n", k * period_);
+    else
+        std::fprintf(stderr, "collision: the arm still moved after %.3f s and is held\n", k * period_);
+    robot_->ActivatePositionMode();
+    double held[kMaxJointNum] = {};
+    robot_->GetCurrentMachineJoint(held);
+    SetRealTimePos(held);
+    return -1;
 }
 
 int ArmOutput::SendBrake() {

@@ -213,6 +213,13 @@ private:
 class ArmOutput {
 public:
     static constexpr bool kToArm = true;  // reports internal faults, switches outputs
+    // The collision reflex's yield (see Yield).
+    static constexpr double kYieldShare = 0.8;          // of a drive's peak torque
+    static constexpr double kYieldDampingShare = 0.15;  // of a joint's momentum per period
+    static constexpr double kYieldTorqueShare = 0.95;   // the yield's currents stay within this share of the peak
+    static constexpr double kYieldRestRate = 0.1;       // rad/s: slow enough to hold below this on every joint ...
+    static constexpr int kYieldRestPeriods = 10;        // ... for this many periods in a row
+    static constexpr int kYieldMaxPeriods = 375;        // 1.5 s at 4 ms: held then, whatever its rate
     // period: the stream's period (s); joint_samples: a replay's or the
     // excitation's samples (Robot::SendPosition) rather than a move's
     // set-points (Robot::SendMachinePosition).
@@ -240,6 +247,16 @@ private:
     // was taken. -1 always (the stream is stopped), or -1 after a fault.
     int BrakeNow(bool failed);
     int SendBrake();
+    // After a collision: true when a drive, at its torque's present rate of
+    // change, would pass kYieldShare of its peak within a period, i.e. the
+    // contact would overload it before the brake ends.
+    bool DriveOverloadAhead() const;
+    // The reflex's yield, when the brake would overload a drive: the arm
+    // floats in current mode under gravity compensation and a damping that
+    // takes kYieldDampingShare of each joint's momentum per period, so the
+    // obstacle pushes it back and it comes to rest; then it is held in
+    // position mode where it stands. Ends the stream (-1).
+    int Yield();
 
     Robot* robot_;
     tql::PeriodicTimer timer_;
@@ -250,6 +267,7 @@ private:
     // stop request does.
     CollisionMonitor monitor_;
     bool collided_ = false;
+    bool yielded_ = false;
     bool collision_taken_ = false;
     int last_move_ = -1;    // of the last set-point (a blend's: the starting move)
     bool stopped_ = false;  // the stream ends at the next Stopped()

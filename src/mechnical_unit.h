@@ -118,6 +118,10 @@ public:
 
     void ActivateHomingMode();
     void ActivateCurrentMode();
+    // Current mode without waiting for the actuators to settle: for a loop
+    // that sends its first currents in the same period (the collision
+    // reflex's yield); an actuator holds where it is until its first current.
+    void ActivateCurrentModeAtOnce();
     void ActivateVelocityMode();
     void ActivatePositionMode();
 

@@ -169,6 +169,10 @@ void Robot::ActivateCurrentMode() {
     set_point_valid_ = false;  // the arm floats: its set-point no longer holds it
     ActivateMode(Actuator::Mode_Cur, 200);
 }
+void Robot::ActivateCurrentModeAtOnce() {
+    set_point_valid_ = false;
+    ActivateMode(Actuator::Mode_Cur, 0.0);
+}
 void Robot::ActivateVelocityMode() { ActivateMode(Actuator::Mode_Vel, 200); }
 void Robot::ActivatePositionMode() { ActivateMode(Actuator::Mode_Pos, 200); }
 

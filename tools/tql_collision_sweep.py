@@ -15,8 +15,10 @@ flight recorder it reports
     first contact to the detection;
   - the periods from the contact force reaching 30 N to the detection
     ("-": noticed before 30 N);
-  - the peak contact force while the arm braked (N), whether a drive
-    tripped, and whether every set-point kept the limits.
+  - the peak contact force while the arm stopped (N); how it stopped (braked
+    along its path, or yielded: floated, damped, where braking would have
+    overloaded a drive) and whether it came to rest; whether a drive
+    tripped; and whether every set-point kept the limits.
 
 as a Markdown table on standard output. With --check it exits 1 unless
 every case was noticed within 3 periods of 30 N, ended with result -1 and
@@ -132,7 +134,10 @@ def run_case(tql_path, demo, move, override, obstacle, conf_line=None, keep=None
 
 
 def measure(run, contacts, collision, at_rest):
-    r = {"exit": run.returncode, "limits_kept": ", 0 beyond limits" in run.stderr, "rest": at_rest,
+    # At rest: the brake's last set-points, or the yield's own word.
+    yielded = "collision: the brake would overload a drive" in run.stderr
+    r = {"exit": run.returncode, "limits_kept": ", 0 beyond limits" in run.stderr, "yielded": yielded,
+         "rest": "came to rest" in run.stderr if yielded else at_rest,
          "tripped": " error : " in run.stdout, "said": None, "first": None, "at_detection": None,
          "periods": None, "after_mark": None, "peak": max((f for _, f in contacts), default=0.0)}
     for line in run.stdout.splitlines():
@@ -180,7 +185,7 @@ def main():
 
     ok = True
     print("| move | override | first contact to detection (periods) | force at detection (N) | "
-          "periods after 30 N | peak force (N) | joint | braked to rest | drive tripped | limits kept |")
+          "periods after 30 N | peak force (N) | joint | stop | drive tripped | limits kept |")
     print("|---|---|---|---|---|---|---|---|---|---|")
     for move in MOVES:
         centre = obstacle_centre(tql, L, move)
@@ -196,7 +201,9 @@ def main():
             yes = lambda v: "yes" if v else "no"
             print("| %s | %g | %s | %s | %s | %.1f | %s | %s | %s | %s |" % (
                 move, override, fmt(r["periods"], "%d"), fmt(r["at_detection"], "%.1f"),
-                fmt(r["after_mark"], "%d"), r["peak"], r["said"] or "none", yes(r["rest"] and not r["tripped"]),
+                fmt(r["after_mark"], "%d"), r["peak"], r["said"] or "none",
+                ("yielded" if r["yielded"] else "braked") + (" to rest" if r["rest"] and not r["tripped"] else
+                                                            ", not at rest"),
                 yes(r["tripped"]), yes(r["limits_kept"])))
         # No obstacle: nothing noticed, the move completes.
         run, contacts, collision, _ = run_case(a.tql, a.demo, move, 1.0, "none")
