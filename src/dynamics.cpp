@@ -221,6 +221,9 @@ int CheckDynamicParameters(Robot* robot) {
         text << ") degrees, beyond its peak torque " << joint.PeakTorque() << " N*m (" << joint.peak_current_
              << " A)";
         if (GravityGain() != 1.0) text << " with the gravity gain " << GravityGain();
+        double payload[4];
+        GetPayload(payload);
+        if (payload[0] > 0.0) text << ", carrying the payload of " << payload[0] << " kg";
         return RefuseParameterRow(rd->robot_type, kDynamicRow, text.str());
     }
     // Friction at the joint's speed limit must be a torque the drive can give.

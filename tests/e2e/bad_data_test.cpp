@@ -122,6 +122,17 @@ TEST(BadData, RefusedWithItsMessageBeforeAnythingMovesAndFilesKept) {
              ASSERT_TRUE(tqltest::ExecSql(d.File("parameter.db"), "UPDATE system_parameters SET VALUE='ON' WHERE ID=4"));
          },
          "1\nCYCLE\nNO\n", "Parameter error: table GL_6L3, row 13: joint 2 needs ", 255, false, "file/data.txt"},
+        {"row 18 a negative payload", "mode4",
+         [](const ScratchDir& d) { ASSERT_TRUE(tqltest::ExecSql(d.File("parameter.db"),
+                                                                "UPDATE GL_6L3 SET VALUE='[-1,0,0,0]' WHERE ID=18")); },
+         "1\nCYCLE\nNO\n",
+         "Parameter error: table GL_6L3, row 18, value -1: the payload is a mass of 0 to 100 kg with its centre "
+         "within 1000 mm of the flange", 255, false, "file/data.txt"},
+        {"row 18 a payload the drives cannot hold", "mode4",
+         [](const ScratchDir& d) { ASSERT_TRUE(tqltest::ExecSql(d.File("parameter.db"),
+                                                                "UPDATE GL_6L3 SET VALUE='[2,0,0,50]' WHERE ID=18")); },
+         "1\nCYCLE\nNO\n", "beyond its peak torque 10.623 N*m (10 A), carrying the payload of 2 kg", 255, false,
+         "file/data.txt"},
         {"row 14's first coefficient 3", "admin",
          [](const ScratchDir& d) { EditRow(d, 14, [](std::vector<double>& v) { v[0] = 3; }); }, "1\n",
          "Parameter error: table GL_6L3, row 14, joint 1: the excitation reaches ", 255, false,
