@@ -1,11 +1,10 @@
 // The collision reflex's generalised-momentum observer.
 #include "collision_monitor.h"
 
-#include <algorithm>
-#include <cmath>
-
 #include <dlfcn.h>
 
+#include <algorithm>
+#include <cmath>
 #include <cstdio>
 
 #include "database.h"

@@ -14,6 +14,7 @@
 #ifndef TQL_COLLISION_MONITOR_H
 #define TQL_COLLISION_MONITOR_H
 
+#include "dynamics.h"
 #include "mechnical_unit.h"
 
 class CollisionMonitor {
@@ -22,7 +23,7 @@ public:
     static constexpr double kTickTolerance = 0.1;
     static constexpr int kSteadyTicks = 2;
     static constexpr int kJoints = 6;
-    static constexpr int kDynamicParameterCount = 48;
+    static constexpr int kDynamicParameterCount = kModelParameterCount;
 
     // Watches `robot` from its next Step: true when the collision switch
     // (row 4) is on, the robot has the six-joint dynamic model and the robot

@@ -521,6 +521,8 @@ int ArmOutput::Yield() {
     robot_->ActivateCurrentModeAtOnce();
     double current[kMaxJointNum], dq[kMaxJointNum], q[kMaxJointNum], zero[kMaxJointNum] = {};
     double g[kMaxJointNum], column[kMaxJointNum], unit[kMaxJointNum] = {}, tau[kMaxJointNum];
+    // At the controller's own period, whatever the stream's (a slowed replay's is longer).
+    tql::PeriodicTimer timer(PERIOD);
     int still = 0, k = 0;
     for (; k < kYieldMaxPeriods && still < kYieldRestPeriods; ++k) {
         robot_->RequestCVPValue();
@@ -536,17 +538,17 @@ int ArmOutput::Yield() {
             unit[j] = 0.0;
             const double inertia = std::max(column[j] - g[j], 0.0);
             const double peak = kYieldTorqueShare * robot_->link_[j].PeakTorque();
-            tau[j] = std::clamp(g[j] - kYieldDampingShare / period_ * inertia * dq[j], -peak, peak);
+            tau[j] = std::clamp(g[j] - kYieldDampingShare / PERIOD * inertia * dq[j], -peak, peak);
             slow = slow && std::fabs(dq[j]) < kYieldRestRate;
         }
         if (robot_->SetMachineTorque(tau) < 0) break;  // a fault: held below all the same
         still = slow ? still + 1 : 0;
-        timer_.Wait();
+        timer.Wait();
     }
     if (still >= kYieldRestPeriods)
-        std::fprintf(stderr, "collision: the arm came to rest in %.3f s and is held\n", k * period_);
+        std::fprintf(stderr, "collision: the arm came to rest in %.3f s and is held\n", k * PERIOD);
     else
-        std::fprintf(stderr, "collision: the arm still moved after %.3f s and is held\n", k * period_);
+        std::fprintf(stderr, "collision: the arm still moved after %.3f s and is held\n", k * PERIOD);
     robot_->ActivatePositionMode();
     double held[kMaxJointNum] = {};
     robot_->GetCurrentMachineJoint(held);
