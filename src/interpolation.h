@@ -444,6 +444,31 @@ int JogInJointCoordinateSystem(int joint, double step);
 // is not a finite number, an unreachable target or a kinematics failure.
 int JogInCartesianCoordinateSystem(int axis, double step);
 
+// Hold-to-run jogging, for a pendant's buttons. JogWhileHeld moves joint
+// `index` (kind kHeldJogJoint) or the flange along (index 0..2, base x, y, z)
+// or about (3..5) a base axis (kHeldJogCartesian), in `direction` (+1 or
+// -1), at `speed_share` (0 .. 1] of the step jogs' speed (a quarter of the
+// joint's or the Cartesian speed limit), on the caller's thread until the jog
+// ends. It starts jerk-limited from rest and keeps its speed while the host
+// calls RenewJog() at least every kJogRenewTimeout seconds; ReleaseJog(), a
+// lapsed renewal, or the place where braking would end reaching the boundary
+// brakes it to rest (jerk-limited, at the joint's or Cartesian acceleration
+// and jerk limits). How far it may go is pre-flighted before it starts: the
+// longest rest-to-rest step of it (at most a turn of a joint, a metre, a turn
+// of the flange) whose every set-point passes the soft limits, the workspace
+// and the kinematics; every set-point it sends is checked as any stream's,
+// and a stop request, a fault or the collision reflex stop it as they stop
+// any stream. 0 at rest after a release, a lapse or the boundary; -1 for bad
+// arguments, a stop or a refusal.
+constexpr int kHeldJogJoint = 0;
+constexpr int kHeldJogCartesian = 1;
+constexpr double kJogRenewTimeout = 0.3;  // s
+int JogWhileHeld(int kind, int index, int direction, double speed_share);
+// From the host's thread, while JogWhileHeld runs: the button is still held;
+// the button was let go.
+void RenewJog();
+void ReleaseJog();
+
 // ---- trajectory files
 //
 // One line per sample, in time order, samples 4 ms apart when recorded: one

@@ -232,15 +232,29 @@ int Robot::InverseKinematics(double* q, double* pose) {
 }
 
 int Robot::FollowPose(double* q, double* pose) {
-    if (InverseKinematics(q, pose) < 0) return -1;
+    double target[4][4];
+    UnitQuaternionToMatrix(target, pose);
+    return FollowFrame(q, target);
+}
+
+int Robot::ForwardFrame(const double* q, double T[4][4]) {
+    if (!KinematicsServed(robot_type_)) return -1;
+    double L[6], joints[6];
+    GeometryFromLinks(*this, L);
+    for (int i = 0; i < 6; ++i) joints[i] = q[i];
+    fk_ur(joints, T, L);
+    return 0;
+}
+
+int Robot::FollowFrame(double* q, double target[4][4]) {
+    if (!KinematicsServed(robot_type_)) return -1;
     double a[6], d[6], L[6];
     for (int i = 0; i < 6; ++i) {
         a[i] = link_[i].mdh_[2];
         d[i] = link_[i].mdh_[3];
     }
     GeometryFromDh(a, d, L);
-    double target[4][4];
-    UnitQuaternionToMatrix(target, pose);
+    if (ik_ur(q, target, L) < 0) return -1;
     for (int step = 0; step < 2; ++step) {
         double T[4][4];
         fk_ur(q, T, L);

@@ -167,6 +167,11 @@ public:
     // would show as jerk. A step larger than kFollowStepLimit rad (near a
     // singularity) is not taken. 0, or -1 as InverseKinematics.
     int FollowPose(double* q, double* pose);
+    // The same for a flange frame given as a 4x4 matrix (mm), which keeps
+    // every orientation exactly (the unit quaternion of a pose drops small
+    // components); and the forward kinematics to such a frame.
+    int FollowFrame(double* q, double target[4][4]);
+    int ForwardFrame(const double* q, double T[4][4]);
     static constexpr double kFollowStepLimit = 1e-5;
 
     // Joint torques [N*m] of the dynamic model for user-zero q, dq, ddq, with

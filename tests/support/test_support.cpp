@@ -130,6 +130,7 @@ void TickSleep(double seconds) {
         tick_spy.sent.push_back(q);
         tick_spy.commands.push_back(c);
         stop = static_cast<long>(tick_spy.sent.size()) == tick_spy.stop_at;
+        if (tick_spy.on_tick != nullptr) tick_spy.on_tick(static_cast<long>(tick_spy.sent.size()));
     } else if (seconds >= 0.5 - 1e-9) {
         stop = ++tick_spy.pauses == tick_spy.stop_at_pause;
     }

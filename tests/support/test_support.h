@@ -172,6 +172,7 @@ struct TickSpy {
     long stop_at = -1;
     bool by_signal = false;
     long pauses = 0, stop_at_pause = -1;
+    void (*on_tick)(long tick) = nullptr;  // called after each period's set-point is taken
 };
 extern TickSpy tick_spy;
 void TickSleep(double seconds);

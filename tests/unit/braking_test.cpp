@@ -7,6 +7,8 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <array>
+#include <climits>
 #include <cmath>
 #include <functional>
 #include <list>
@@ -269,5 +271,91 @@ TEST(StopProfile, MatchesItsIntegratedJerkAndEndsAtRest) {
         if (raised > j) {
             EXPECT_LT(v0, a0 * a0 / (2 * j)) << c;
         }
+    }
+}
+
+namespace {
+
+long release_at = 0;  // the held jog's button: renewed before this period, let go at it (0: never renewed)
+void Button(long tick) {
+    if (release_at == 0) return;
+    if (tick < release_at) RenewJog();
+    if (tick == release_at) ReleaseJog();
+}
+
+}  // namespace
+
+// Hold-to-run jogs: held for a while and let go, never renewed (a lost
+// page), held into a soft limit and into the workspace's floor, and stopped.
+// Each starts and stops within the joints' limits by finite differences,
+// keeps to its jog speed, comes to rest, and stays within the boundary.
+TEST_F(Braking, HeldJogsKeepTheLimitsStopWhenLetGoOrLapsedAndBeforeTheBoundary) {
+    const struct {
+        const char* name;
+        int kind, index, direction;
+        long release;  // period of the release; 0: never renewed; LONG_MAX: held throughout
+        long stop_at;  // a stop request after this many periods (-1: none)
+        int result;
+    } cases[] = {
+        {"joint 1 held 1 s", kHeldJogJoint, 0, -1, 250, -1, 0},
+        {"joint 1 never renewed", kHeldJogJoint, 0, -1, 0, -1, 0},
+        {"joint 6 into its soft limit", kHeldJogJoint, 5, 1, LONG_MAX, -1, 0},
+        {"flange down into the floor", kHeldJogCartesian, 2, -1, LONG_MAX, -1, 0},
+        {"flange along x held 0.8 s", kHeldJogCartesian, 0, 1, 200, -1, 0},
+        {"flange about z, stopped", kHeldJogCartesian, 5, 1, LONG_MAX, 150, -1},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        Place(kStart);
+        release_at = c.release;
+        tick_spy.on_tick = &Button;
+        tick_spy.stop_at = c.stop_at;
+        std::string out;
+        const int result = tqltest::Quiet([&] { return JogWhileHeld(c.kind, c.index, c.direction, 1.0); }, &out);
+        tick_spy.on_tick = nullptr;
+        tick_spy.stop_at = -1;
+        InitStopFlag();
+        const std::vector<Joints> sent = tick_spy.sent;
+        EXPECT_EQ(result, c.result) << out;
+        ASSERT_GT(sent.size(), 10u);
+        EXPECT_LE(WorstRatio(sent, kStart, limits_), 1.01);
+        // At rest in the end, held there.
+        for (int j = 0; j < 6; ++j) {
+            EXPECT_NEAR(sent.back()[j], sent[sent.size() - 2][j], 1e-6);
+            EXPECT_NEAR(tqltest::CurrentJoints()[j], sent.back()[j], 1e-9);
+        }
+        // The jog speed: a quarter of joint 1's limit, reached when held long enough.
+        if (c.kind == kHeldJogJoint && c.index == 0 && c.release == 250) {
+            double fastest = 0.0;
+            for (size_t k = 1; k < sent.size(); ++k) fastest = std::max(fastest, std::fabs(sent[k][0] - sent[k - 1][0]));
+            EXPECT_NEAR(fastest / PERIOD, 0.25 * limits_.speed[0], 1e-3 * limits_.speed[0]);
+        }
+        if (c.release == 0) {  // lapsed, then braked
+            EXPECT_GT(sent.size() * PERIOD, kJogRenewTimeout);
+            EXPECT_LT(sent.size() * PERIOD, kJogRenewTimeout + 1.0);
+        }
+        if (c.release == LONG_MAX && c.stop_at < 0) {
+            EXPECT_NE(out.find("Jog stopped at the boundary after "), std::string::npos) << out;
+            // Stopped short of the boundary and near it: joint 6's soft limit
+            // is 170 degrees; the floor, the workspace's z = 0.
+            if (c.kind == kHeldJogJoint) {
+                EXPECT_LT(sent.back()[5], 170 * tqltest::kDeg);
+                EXPECT_GT(sent.back()[5], 169 * tqltest::kDeg);
+            } else {
+                double pose[7];
+                Joints last = sent.back();
+                ASSERT_EQ(robot_->ForwardKinematics(last.data(), pose), 0);
+                EXPECT_GE(pose[2], GetResourceDate()->workspace_box[4]);
+                EXPECT_LT(pose[2], GetResourceDate()->workspace_box[4] + 5.0);
+            }
+        }
+    }
+    // Bad arguments move nothing.
+    for (const auto& bad : {std::array<double, 4>{2, 0, 1, 1}, {0, 6, 1, 1}, {0, 0, 0, 1}, {0, 0, 1, 0},
+                            {1, 0, 1, 1.5}, {0, 0, 1, NAN}}) {
+        tick_spy = tqltest::TickSpy();
+        EXPECT_EQ(JogWhileHeld(static_cast<int>(bad[0]), static_cast<int>(bad[1]), static_cast<int>(bad[2]), bad[3]),
+                  -1);
+        EXPECT_TRUE(tick_spy.sent.empty());
     }
 }
