@@ -91,8 +91,12 @@ int JogInCartesianCoordinateSystem(int axis, double step) {
 
     double current[kMaxJointNum];
     robot->GetStartJoints(current);
-    double start_pose[7];
-    if (robot->ForwardKinematics(current, start_pose) < 0) return -1;
+    // The flange frame as a matrix: a tool pointing straight down is a half
+    // turn (quaternion w = 0), where a round trip through the pose's unit
+    // quaternion turns it (the conversion takes x, y, z's signs from terms
+    // that are then zero).
+    double start_frame[4][4];
+    if (robot->ForwardFrame(current, start_frame) < 0) return -1;
     AccDecDate linear, rotation;
     robot->GetLineSpeedAccDecParameters(&linear);
     robot->GetRotateSpeedAccDecParameters(&rotation);
@@ -102,17 +106,13 @@ int JogInCartesianCoordinateSystem(int axis, double step) {
     return JogToBoundary(step, [&](double amount) {
         double target[kMaxJointNum];
         for (int i = 0; i < n; ++i) target[i] = current[i];
-        double pose[7];
-        for (int i = 0; i < 7; ++i) pose[i] = start_pose[i];
         // Translation steps add to the flange position in base coordinates;
         // rotation steps turn the orientation about the base axis and keep
-        // the position (the composition does not rotate the translation).
-        double jog[4][4], flange[4][4], moved[4][4];
+        // the position (MatrixLeftMul adds the translations, unrotated).
+        double jog[4][4], moved[4][4];
         CalcTransmatrix(jog, axis, axis > 2 ? amount * kProgramDegreeToRadian : amount);
-        UnitQuaternionToMatrix(flange, pose);
-        MatrixLeftMul(moved, jog, flange);
-        MatrixToUnitQuaternion(moved, pose);
-        if (robot->InverseKinematics(target, pose) < 0) return -1;
+        MatrixLeftMul(moved, jog, start_frame);
+        if (robot->FollowFrame(target, moved) < 0) return -1;
         AccDecDate line = linear, turn = rotation;
         return MoveLinearPath(robot, current, target, &line, &turn);
     });
@@ -224,12 +224,10 @@ int JogWhileHeld(int kind, int index, int direction, double speed_share) {
             return 0;
         }
         // Along a base axis: the frame moved; about one: turned, its
-        // position kept (as the step jogs).
+        // position kept (MatrixLeftMul adds the translations, unrotated).
         double jog[4][4], moved[4][4];
         CalcTransmatrix(jog, index, direction * s);
         MatrixLeftMul(moved, jog, start_frame);
-        if (index > 2)
-            for (int r = 0; r < 3; ++r) moved[r][3] = start_frame[r][3];
         return robot->FollowFrame(q, moved);
     };
     // How far the jog may go: the longest rest-to-rest step of it (at the jog

@@ -341,6 +341,16 @@ TEST_F(CartesianMoves, CartesianJog) {
     ASSERT_FALSE(tick_spy.sent.empty());
     EXPECT_LT(RotationGap(Flange(CurrentJoints()).M, KDL::Rotation::RotZ(90 * kDeg) * f1.M), 1e-6);
     for (const Joints& q : tick_spy.sent) EXPECT_LT((Flange(q).p - f1.p).Norm(), 0.01);
+
+    // With the tool pointing straight down (a half turn: quaternion w = 0,
+    // where a round trip through the pose's quaternion turns the tool by
+    // 100 degrees about z), a step down keeps the orientation.
+    Joints down = tqltest::Degrees({-40, 20, 60, 10, -90, 0});
+    ASSERT_EQ(Quiet([&] { return MoveToSpecifiedPosition(down.data()); }), 0);
+    const KDL::Frame f2 = Flange(CurrentJoints());
+    ASSERT_EQ(Jog(2, -30.0), 0);
+    EXPECT_LT((Flange(CurrentJoints()).p - f2.p - KDL::Vector(0, 0, -30)).Norm(), 0.01);
+    EXPECT_LT(RotationGap(Flange(CurrentJoints()).M, f2.M), 1e-6);
 }
 
 // Random lines and arcs within reach, their Cartesian limits up to three times
