@@ -80,6 +80,7 @@ int CollisionMonitor::Step(const double* q_in, const double* dq_in, const double
     InverserDynamicsUr(a_, d_, q, zero, dq, B, P);
     if (!started_) {
         for (int i = 0; i < kJoints; ++i) {
+            beyond_[i] = 0;
             integral_[i] = B[i] - G[i];  // p0: the residual starts at 0
             r_[i] = 0.0;
             q_prev_[i] = q[i];
@@ -98,7 +99,11 @@ int CollisionMonitor::Step(const double* q_in, const double* dq_in, const double
         integral_[i] += (tau[i] - beta + r_[i]) * dt;
         r_[i] = gain * (p - integral_[i]);
         q_prev_[i] = q[i];
-        if (hit == 0 && !(std::fabs(r_[i]) <= threshold_[i])) hit = i + 1;
+        // Beyond its threshold in kConfirmPeriods readings in a row: a
+        // contact lasts, a disturbance of one reading (a tick the pacing
+        // sent late, with the drives' torque jerking for it) does not.
+        beyond_[i] = std::fabs(r_[i]) <= threshold_[i] ? 0 : beyond_[i] + 1;
+        if (hit == 0 && beyond_[i] >= kConfirmPeriods) hit = i + 1;
     }
     return hit;
 }

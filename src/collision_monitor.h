@@ -22,6 +22,7 @@ public:
     static constexpr double kGainPeriod = 0.5;
     static constexpr double kTickTolerance = 0.1;
     static constexpr int kSteadyTicks = 2;
+    static constexpr int kConfirmPeriods = 2;
     static constexpr int kJoints = 6;
     static constexpr int kDynamicParameterCount = kModelParameterCount;
 
@@ -46,14 +47,15 @@ public:
     double torque_change(int joint) const { return torque_[joint] - torque_before_[joint]; }
     // One period of h seconds, its readings taken dt seconds after the ones
     // before (dt = h on time; a late reading integrates over what really
-    // passed): the first 1-based joint whose residual is beyond its
-    // threshold, or 0. The first Step only starts the observer, and so does
-    // a Step that does not follow kSteadyTicks readings dt within
-    // kTickTolerance of h: after a pause between moves the discrete observer
-    // would not be stable, and a late tick (and the one the pacing sends
-    // right after it) jerks the drives with set-points unevenly spaced in
-    // time, a torque impulse between two readings that no sampled observer
-    // sees but whose momentum change it would.
+    // passed): the first 1-based joint whose residual has been beyond its
+    // threshold for kConfirmPeriods readings in a row, or 0. The first Step
+    // only starts the observer, and so does a Step that does not follow
+    // kSteadyTicks readings dt within kTickTolerance of h: after a pause
+    // between moves the discrete observer would not be stable, and a late
+    // tick (and the one the pacing sends right after it) jerks the drives
+    // with set-points unevenly spaced in time, a torque impulse between two
+    // readings that no sampled observer sees but whose momentum change it
+    // would.
     int Step(const double* q, const double* dq, const double* tau, double h, double dt);
     int Step(const double* q, const double* dq, const double* tau, double h) { return Step(q, dq, tau, h, h); }
     // Readings' time of the last Step (s, the library's clock), for the next
@@ -64,6 +66,7 @@ private:
     bool armed_ = false;
     bool started_ = false;
     int steady_ = 0;  // readings on time in a row
+    int beyond_[kJoints] = {};  // readings in a row beyond the threshold
     double a_[kJoints] = {}, d_[kJoints] = {};  // the links' DH lengths, m
     double parameters_[kDynamicParameterCount] = {};
     double threshold_[kJoints] = {};

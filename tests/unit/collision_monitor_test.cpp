@@ -69,7 +69,7 @@ TEST(CollisionMonitor, ResidualIsTheExternalTorqueThroughItsLagAndRestartsOnUnev
             }
             const int n = k - 49;  // periods of push seen
             EXPECT_NEAR(monitor.residual(joint), push * (1.0 - std::pow(0.5, n)), 0.02 * std::fabs(push)) << n;
-            EXPECT_EQ(hit, joint + 1);  // 1.5 N*m beyond 1 already in the first period
+            EXPECT_EQ(hit, n >= 2 ? joint + 1 : 0);  // beyond 1 N*m from the first period, confirmed in the second
         }
         // A reading 1.5 periods late restarts the observer, and so does the
         // next; from the second reading on time it follows the push again.

@@ -112,7 +112,8 @@ try {
 
   tql.stdin.end();
   await until('tql to exit', () => exitCode !== null, 60000);
-  check(exitCode === 0, `tql mode4 exits 0 (${exitCode})`);
+  check(exitCode === 0, `tql mode4 exits 0 (${exitCode})` +
+    (exitCode === 0 ? '' : `\n--- tql stdout (end)\n${out.slice(-600)}\n--- tql stderr\n${err}`));
   await until('"disconnected"', async () => (await page.textContent('#link')) === 'disconnected', 5000);
   check(true, 'the page shows the bus gone');
 } catch (e) {
