@@ -3,8 +3,8 @@
 
 #include <cctype>
 #include <cmath>
+#include <cstring>
 #include <limits>
-#include <string>
 
 #include "sim_bus.h"
 
@@ -185,14 +185,14 @@ void tql_sim_record_note(int id, const char* what, double value) {
     call.bus.recorder.Row(call.now, id, 0, what, value);
     tqlsim::Bus::MonitorNotes& m = call.bus.monitor;
     if (id < 1 || id > 6) return;
-    const std::string name = what;
-    if (name == "threshold") {
+    // Called every period from the control loop: compared in place, nothing allocated.
+    if (std::strcmp(what, "threshold") == 0) {
         if (!m.armed || id == 1) m = tqlsim::Bus::MonitorNotes();  // armed anew
         m.armed = true;
         m.threshold[id - 1] = value;
-    } else if (name == "residual") {
+    } else if (std::strcmp(what, "residual") == 0) {
         m.residual[id - 1] = value;
-    } else if (name == "collision") {
+    } else if (std::strcmp(what, "collision") == 0) {
         m.collision_joint = id;
     }
 }

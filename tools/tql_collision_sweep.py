@@ -68,8 +68,8 @@ def load_plot():
         path = os.path.join(here(), name)
         if os.path.isfile(path):
             loader = importlib.machinery.SourceFileLoader("tql_plot", path)
-            spec = importlib.util.spec_from_loader("tql_plot", loader)
-            module = importlib.util.module_from_spec(spec)
+            found = importlib.util.spec_from_loader("tql_plot", loader)
+            module = importlib.util.module_from_spec(found)
             loader.exec_module(module)
             return module
     sys.exit("tql-collision-sweep: tql-plot not found beside this script")
@@ -197,7 +197,7 @@ def main():
         for override in overrides:
             r = measure(*run_case(a.tql, a.demo, move, override, sphere, conf_line, a.keep))
             ok = ok and passes(r)
-            fmt = lambda v, spec: "-" if v is None else spec % v
+            fmt = lambda v, form: "-" if v is None else form % v
             yes = lambda v: "yes" if v else "no"
             print("| %s | %g | %s | %s | %s | %.1f | %s | %s | %s | %s |" % (
                 move, override, fmt(r["periods"], "%d"), fmt(r["at_detection"], "%.1f"),
