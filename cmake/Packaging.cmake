@@ -62,6 +62,11 @@ set(CPACK_DEBIAN_SIM_DESCRIPTION
 
 set(CPACK_DEBIAN_TOOLS_PACKAGE_NAME tql)
 set(CPACK_DEBIAN_TOOLS_PACKAGE_DEPENDS "${_tql_cxx}, libsqlite3-0, libtql1 ${_tql_exact}, ${_tql_bus}")
+# tql-urdf links urdfdom's model library and TinyXML itself (the simulated
+# bus, which also needs them, is not on the board).
+if(TARGET tql_urdf)
+  string(APPEND CPACK_DEBIAN_TOOLS_PACKAGE_DEPENDS ", liburdfdom-model3.0, libtinyxml2.6.2v5")
+endif()
 set(CPACK_DEBIAN_TOOLS_PACKAGE_RECOMMENDS "python3-tql, python3-matplotlib, python3-numpy")
 set(CPACK_DEBIAN_TOOLS_DESCRIPTION
   "Orvalt Manipulator Controller: host program, tools and demo\ntql (the host), tql-identify, tql-excite, tql-pacing, tql-urdf, tql-plot,\nthe live 3D view's page, and the demo working directory in /usr/share/tql/demo.")

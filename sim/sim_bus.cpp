@@ -13,7 +13,6 @@
 #include <limits>
 
 #include "sim_bus.h"
-#include "sim_view.h"
 
 namespace tqlsim {
 namespace {
@@ -33,7 +32,6 @@ std::string CurrentDirectory() {
 // At process exit: the arm keeps its state, and a recording ends with its
 // one-line summary on standard error.
 void OnExit() {
-    StopView();  // before the lock: the view's thread may be waiting for it
     Bus& bus = TheBus();
     std::lock_guard<std::mutex> lock(bus.mutex);
     if (!bus.loaded) return;
@@ -97,7 +95,6 @@ void LoadBus(Bus& bus) {
     bus.beyond_limit_count = 0;
     bus.current_beyond_peak_count = 0;
     bus.digital_outputs.clear();
-    bus.monitor = Bus::MonitorNotes();
     bus.error_callbacks.clear();
     bus.para_callbacks.clear();
     LoadPhysics(bus);
@@ -112,7 +109,6 @@ void LoadBus(Bus& bus) {
     }
     bus.loaded = true;
     bus_loaded.store(true);
-    RestartView(bus);
 }
 
 void ArmInterrupts(Bus& bus) {

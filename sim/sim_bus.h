@@ -124,8 +124,6 @@ struct Config {
     // of mass in mm in the flange frame): a point mass on the last link.
     double payload_kg = 0.0;
     double payload_com[3] = {};  // m
-    int view_port = 0;      // live view's loopback port (sim_view.h), 0 = off
-    std::string view_root;  // its page's files; empty: the installed or built bundle
 
     const Settings& FactorySettings(uint8_t id) const;
     double InitialPosition(uint8_t id) const;
@@ -259,15 +257,6 @@ struct Bus {
     long beyond_limit_count = 0;         // position and current set-points
     long current_beyond_peak_count = 0;  // of those, currents beyond the peak
     std::map<int, int> digital_outputs;  // output number -> 1 on, 0 off (switched since load)
-    // The controller's collision monitor as its notes give it (for the live
-    // view): each joint's threshold and last residual (N*m), and the joint it
-    // last found beyond its threshold (1-based; 0 since it was last armed).
-    struct MonitorNotes {
-        bool armed = false;
-        double threshold[6] = {};
-        double residual[6] = {};
-        int collision_joint = 0;
-    } monitor;
     std::vector<ActuatorController::ErrorCallback> error_callbacks;
     std::vector<ActuatorController::ParaRequestCallback> para_callbacks;
     Physics physics;

@@ -202,17 +202,6 @@ bool ParseObstacleSpheres(const std::string& text, std::vector<Obstacle>* obstac
     return true;
 }
 
-// The live view's port: 1..65535, or off ("", "0" or "none" = 0).
-bool ParseViewPort(const std::string& value, int* port) {
-    if (value.empty() || value == "none") {
-        *port = 0;
-        return true;
-    }
-    long long v = 0;
-    if (!ParseInteger(value, 0, 65535, &v)) return false;
-    *port = static_cast<int>(v);
-    return true;
-}
 
 // Splits "name.ID" into name and id; id 0 when there is no suffix.
 bool SplitKey(const std::string& key, std::string* name, int* id) {
@@ -297,9 +286,9 @@ bool ApplyKey(ConfigDraft& d, const std::string& key, const std::string& value) 
         for (int i = 0; i < 3; ++i) c.payload_com[i] = v[i + 1] * 1e-3;
         return true;
     }
-    if (key == "view") return ParseViewPort(value, &c.view_port);
-    if (key == "view_root") {
-        c.view_root = value;
+    if (key == "view" || key == "view_root") {
+        // The bus served a view once; tql-pendant does now, on the board too.
+        std::fprintf(stderr, "sim: sim.conf's \"%s\" is no longer read: tql-pendant shows the arm\n", key.c_str());
         return true;
     }
     std::string name;
@@ -380,10 +369,6 @@ void ApplyEnvironment(ConfigDraft& d) {
         if (!ParseObstacleSpheres(v, &d.config.obstacles))
             std::fprintf(stderr, "sim: ignoring TQL_SIM_OBSTACLE=%s (expected x,y,z,r in mm, ';' between, or none)\n",
                          v);
-    }
-    if (const char* v = Env("TQL_SIM_VIEW")) {
-        if (!ParseViewPort(v, &d.config.view_port))
-            std::fprintf(stderr, "sim: ignoring TQL_SIM_VIEW=%s (expected a port 1..65535, or 0 or none)\n", v);
     }
     if (const char* v = Env("TQL_SIM_NOISE")) {
         double x = 0.0;

@@ -183,18 +183,6 @@ void tql_sim_record_note(int id, const char* what, double value) {
     if (n == 0) return;
     BusCall call;
     call.bus.recorder.Row(call.now, id, 0, what, value);
-    tqlsim::Bus::MonitorNotes& m = call.bus.monitor;
-    if (id < 1 || id > 6) return;
-    // Called every period from the control loop: compared in place, nothing allocated.
-    if (std::strcmp(what, "threshold") == 0) {
-        if (!m.armed || id == 1) m = tqlsim::Bus::MonitorNotes();  // armed anew
-        m.armed = true;
-        m.threshold[id - 1] = value;
-    } else if (std::strcmp(what, "residual") == 0) {
-        m.residual[id - 1] = value;
-    } else if (std::strcmp(what, "collision") == 0) {
-        m.collision_joint = id;
-    }
 }
 
 void tql_sim_torque_pulse(int id, double at, double torque, double duration) {

@@ -6,7 +6,6 @@
 
 #include "actuatorcontroller.h"
 #include "sim_bus.h"
-#include "sim_view.h"
 
 using tqlsim::BusCall;
 using tqlsim::SimActuator;

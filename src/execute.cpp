@@ -67,6 +67,7 @@ Robot* GetCurrentRobot() { return &cur_robot[0]; }
 
 bool IsTerminal() { return is_terminal.load() != 0; }
 void SetTerminalFlag() { is_terminal.store(1); }
+void ClearTerminalFlag() { is_terminal.store(0); }
 
 // The stop flag: 0 none; kStopAsked, asked for and not yet acted on (by the
 // signal handler or a host); kStopTaken, asked for and acted on (a loop ended

@@ -30,6 +30,9 @@ int Tutorials(Robot* robot);
 
 bool IsTerminal();
 void SetTerminalFlag();
+// A host that ran a terminal job (RunningProgram) and then drives the arm
+// through its own interface: the dialogue's prompts are no longer read.
+void ClearTerminalFlag();
 
 void SetStopFlag();
 void SetStopFlagForSignal(int signo);

@@ -213,7 +213,16 @@ int JogWhileHeld(int kind, int index, int direction, double speed_share) {
     robot->GetLineSpeedAccDecParameters(&line);
     robot->GetRotateSpeedAccDecParameters(&turn);
     const AccDecDate own = joint ? limits[index] : (index < 3 ? line : turn);
-    const double reach = joint ? kHeldJointReach : (index < 3 ? kHeldLineReach : kHeldTurnReach);
+    double reach = joint ? kHeldJointReach : (index < 3 ? kHeldLineReach : kHeldTurnReach);
+    if (joint) {
+        // No further than the joint's soft limit: the search below then
+        // usually passes at once, keeping the press-to-motion delay short.
+        double lo[kMaxJointNum], hi[kMaxJointNum];
+        robot->GetMinLimitData(lo);
+        robot->GetMaxLimitData(hi);
+        const double room = direction > 0 ? hi[index] - start[index] : start[index] - lo[index];
+        reach = std::clamp(room, 0.0, reach);
+    }
 
     // The set-point `s` along the jog (rad, or mm along / rad about a base
     // axis), its inverse kinematics seeded with `seed`.

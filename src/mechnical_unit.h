@@ -19,6 +19,13 @@ typedef int ActuatorType;
 // Largest number of joints a robot can hold.
 constexpr int kMaxJointNum = 20;
 
+// Joint torque [N*m] at the peak current of joint `joint`'s (0-based)
+// actuator on robot type `robot_type` (RobotTypeCode): the actuator type the
+// type's layout assigns, as LinkUnit::PeakTorque gives it once the robot is
+// set up from the database. 0 for unknown types and joints beyond the type's
+// count. Offline tools use it (no actuator is touched).
+double JointPeakTorque(int robot_type, int joint);
+
 // One joint, driven by one actuator.
 class LinkUnit {
 public:

@@ -451,6 +451,7 @@ int StreamPathList(Robot* robot, InterpolationData* table, int count, int* line,
         InterpolationData& move = table[i];
         if (RunActions(move.before, line, output) < 0) return -1;
         *line = move.line_number;
+        if (Output::kToArm && !tql::InPreflight()) PublishRunningProgramLine(*line);
         // Every move starts from the joints last streamed, not from the
         // programmed target of the one before (a straight line or an arc ends
         // on its inverse kinematics' solution): no step between moves.
@@ -516,6 +517,7 @@ int StreamBlendedSegment(Robot* robot, InterpolationData* table, int count, int 
     for (int i = 0; i < count; ++i) {
         InterpolationData& move = table[i];
         *line = move.line_number;
+        if (Output::kToArm && !tql::InPreflight()) PublishRunningProgramLine(*line);
         if (i > 0) {
             // Blend phase: the command moves by the sum of both moves'
             // increments over the overlap.
@@ -576,7 +578,7 @@ int ReplayPathStep(Robot* robot, InterpolationData* table, int count) {
     for (;;) {
         std::cout << "FORWARD or BACKWARD " << std::flush;
         std::string word;
-        if (!(std::cin >> word)) {
+        if (!ReadStepWord(&word)) {
             std::cin.clear();
             word.clear();
         }
@@ -605,6 +607,7 @@ int ReplayPathStep(Robot* robot, InterpolationData* table, int count) {
         step = next;
         InterpolationData& m = table[step - 1];
         std::cout << "Current line number = " << m.line_number << std::endl;
+        PublishRunningProgramLine(m.line_number);
         if (StepToTarget(robot, m) < 0) return -1;
         if (step == count && RunActions(m.after, &action_line, nullptr) < 0) return -1;
     }

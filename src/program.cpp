@@ -237,12 +237,28 @@ std::unique_ptr<InterpolationData[]> LoadProgramFile(Robot* robot, std::string f
     return table;
 }
 
+namespace {
+std::atomic<int> running_line{0};
+std::atomic<StepWordSource> step_words{nullptr};
+}  // namespace
+
+int GetRunningProgramLine() { return running_line.load(std::memory_order_relaxed); }
+void PublishRunningProgramLine(int line) { running_line.store(line, std::memory_order_relaxed); }
+void SetStepWordSource(StepWordSource source) { step_words.store(source); }
+
+bool ReadStepWord(std::string* word) {
+    if (const StepWordSource source = step_words.load()) return source(word);
+    return static_cast<bool>(std::cin >> *word);
+}
+
 int ExecuteFileInstruction(Robot* robot, std::string file_name) {
     if (robot == nullptr) return -1;
     int count = 0;
     std::unique_ptr<InterpolationData[]> table = LoadProgramFile(robot, file_name, &count);
     if (!table) return -1;
-    return ReplayParametersConfiguration(robot, table.get(), count) == 0 ? 0 : -1;
+    const int result = ReplayParametersConfiguration(robot, table.get(), count) == 0 ? 0 : -1;
+    PublishRunningProgramLine(0);
+    return result;
 }
 
 int ReplayParametersConfiguration(Robot* robot, InterpolationData* table, int count) {

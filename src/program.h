@@ -90,6 +90,20 @@ int ExecuteFileInstruction(Robot* robot, std::string file_name);
 // in that mode. 0, or -1.
 int ReplayParametersConfiguration(Robot* robot, InterpolationData* table, int count);
 
+// The program line whose move the arm is streaming (its physical line in the
+// file, from 1), or 0 while no program moves the arm; for a host's display.
+int GetRunningProgramLine();
+void PublishRunningProgramLine(int line);
+
+// Where a STEP run reads its words (FORWARD, BACKWARD, anything else ends
+// it): standard input by default. A host's source blocks until its operator
+// answers and returns false when nobody is left to answer. nullptr restores
+// standard input.
+typedef bool (*StepWordSource)(std::string* word);
+void SetStepWordSource(StepWordSource source);
+// One word from the installed source or standard input; false when none came.
+bool ReadStepWord(std::string* word);
+
 // Operation cycle mode of program runs.
 enum OperationCycleMode {
     STEP = 0,        // one move at a time, FORWARD / BACKWARD

@@ -32,6 +32,15 @@ constexpr int kFreeCombinationActuator = 9;
 
 }  // namespace
 
+double JointPeakTorque(int robot_type, int joint) {
+    ActuatorType type = -1;
+    if (robot_type == kTypeFreeCombination && joint >= 0 && joint < kMaxJointNum) type = kFreeCombinationActuator;
+    for (const RobotTypeLayout& l : kLayouts)
+        if (l.code == robot_type && joint >= 0 && joint < l.joints) type = l.actuator_types[joint];
+    LinkUnit unit;
+    return type >= 0 && unit.InitActuator(0, type) == 0 ? unit.PeakTorque() : 0.0;
+}
+
 int Robot::GetParametersFromDatabase() {
     ResourceData* rd = GetResourceDate();
     const int id_count = static_cast<int>(actuator_ids_.size());

@@ -23,8 +23,8 @@ if [ ${#missing[@]} -gt 0 ]; then
 fi
 
 # The target's SQLite, KDL and urdfdom (with console_bridge and TinyXML) as
-# armhf packages, and the architecture-independent headers (Eigen, urdfdom's
-# model headers). Unpacked again whenever this list changes.
+# armhf packages, and the header-only ones (Eigen, urdfdom's model headers,
+# and the pendant's Boost.Beast, nlohmann-json and CLI11). Unpacked again whenever this list changes.
 sysroot=$PWD/build/armhf-sysroot
 debs=$PWD/build/armhf-debs
 packages=(libsqlite3-0:armhf libsqlite3-dev:armhf
@@ -32,7 +32,8 @@ packages=(libsqlite3-0:armhf libsqlite3-dev:armhf
           liburdfdom-model3.0:armhf liburdfdom-model-state3.0:armhf liburdfdom-sensor3.0:armhf
           liburdfdom-world3.0:armhf liburdfdom-dev:armhf
           libconsole-bridge1.0:armhf libconsole-bridge-dev:armhf libtinyxml2.6.2v5:armhf libtinyxml-dev:armhf
-          liburdfdom-headers-dev libeigen3-dev)
+          liburdfdom-headers-dev libeigen3-dev
+          libboost1.74-dev:armhf nlohmann-json3-dev libcli11-dev)
 if [ "$(cat "$sysroot/.packages" 2>/dev/null)" != "${packages[*]}" ]; then
   rm -rf "$sysroot" "$debs"
   mkdir -p "$debs" "$sysroot"

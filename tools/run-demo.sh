@@ -1,16 +1,19 @@
 #!/usr/bin/env bash
-# Builds the project and runs the host on the simulated arm in a working copy
-# of the demo directory (./run, created on first use; delete it for a fresh arm).
-# While it runs, the live 3D view is served at http://127.0.0.1:8765/ (another
-# port with TQL_SIM_VIEW=PORT, none with TQL_SIM_VIEW=0); the run's flight
-# recording (run/last-run.csv) is then plotted into run/plots/ when
-# python3-matplotlib is installed.
+# Builds the project and runs the main job on the simulated arm in a working
+# copy of the demo directory (./run, created on first use; delete it for a
+# fresh arm): tql-pendant runs "tql MODE" with its dialogue on this terminal
+# while it serves the pendant, whose URL it prints (port 8765, another with
+# TQL_PENDANT_PORT). On a terminal the pendant stays up after the job, until
+# Ctrl-C; otherwise it ends with the job. The run's flight recording
+# (run/last-run.csv) is then plotted into run/plots/ when python3-matplotlib
+# is installed.
 # Usage: tools/run-demo.sh [MODE]   (default mode4: runs file/data.txt)
 set -euo pipefail
 cd "$(dirname "$0")/.."
-# The live view's page takes three.js from the npm registry (web/package-lock.json).
-if [ ! -d web/node_modules/three ] && command -v npm >/dev/null; then
-  npm ci --prefix web --no-audit --no-fund >/dev/null 2>&1 || echo "npm ci failed: the live view's page is left out" >&2
+# The pendant's page takes three.js and urdf-loader from the npm registry
+# (web/package-lock.json).
+if [ ! -d web/node_modules/urdf-loader ] && command -v npm >/dev/null; then
+  npm ci --prefix web --no-audit --no-fund >/dev/null 2>&1 || echo "npm ci failed: the pendant's page is left out" >&2
 fi
 cmake -S . -B build/release -DCMAKE_BUILD_TYPE=Release -DTQL_BUILD_TESTS=OFF >/dev/null
 cmake --build build/release -j"$(nproc 2>/dev/null || echo 2)" >/dev/null
@@ -20,13 +23,15 @@ if [ ! -d run ]; then
 fi
 cd run
 
-export TQL_SIM_VIEW=${TQL_SIM_VIEW:-8765}
-if [ -f ../build/release/web/index.html ] && [ "$TQL_SIM_VIEW" != 0 ] && [ "$TQL_SIM_VIEW" != none ]; then
-  echo "Live 3D view: open http://127.0.0.1:$TQL_SIM_VIEW/ in a browser while the arm runs." >&2
-fi
 export TQL_SIM_RECORD=${TQL_SIM_RECORD:-last-run.csv}
 status=0
-../build/release/tql "${1:-mode4}" || status=$?
+if [ -x ../build/release/tql-pendant ]; then
+  stay=()
+  [ -t 0 ] && stay=(--stay)
+  ../build/release/tql-pendant --port "${TQL_PENDANT_PORT:-8765}" --job "${1:-mode4}" "${stay[@]}" || status=$?
+else
+  ../build/release/tql "${1:-mode4}" || status=$?
+fi
 
 if [ -s "$TQL_SIM_RECORD" ] && grep -q ',setPosition,' "$TQL_SIM_RECORD" &&
    /usr/bin/python3 -c 'import matplotlib' 2>/dev/null; then

@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
-# Installs what is missing (Debian packages, as root; the live view's npm
+# Installs what is missing (Debian packages, as root; the pendant's npm
 # packages), builds everything with warnings as errors, runs every test (the
-# Python module and tql-plot, the URDF round trip, the live view in headless
+# Python module and tql-plot, the URDF round trip, the pendant in headless
 # Chromium, the installed tree and the Debian packages installed into a scratch
 # root among them), then builds and runs them again under
 # the address and undefined-behaviour sanitizers, the threaded tests under
@@ -12,7 +12,8 @@ cd "$(dirname "$0")/.."
 
 packages=(build-essential cmake pkg-config libsqlite3-dev libgtest-dev libgmock-dev
           libbenchmark-dev liborocos-kdl-dev libeigen3-dev liburdfdom-dev
-          python3-dev python3-numpy python3-matplotlib pybind11-dev chromium file)
+          python3-dev python3-numpy python3-matplotlib pybind11-dev chromium file
+          libboost-dev nlohmann-json3-dev libcli11-dev python3-websocket)
 missing=()
 # Node.js and npm from Debian where the machine has none of its own.
 command -v npm >/dev/null || packages+=(nodejs npm)
@@ -27,9 +28,10 @@ if [ ${#missing[@]} -gt 0 ]; then
   DEBIAN_FRONTEND=noninteractive $SUDO apt-get install -y -qq --no-install-recommends "${missing[@]}" </dev/null
 fi
 
-# The 3D view's page takes three.js, and its browser test playwright-core,
-# from the npm registry, at the versions web/package-lock.json pins.
-if [ ! -d web/node_modules/three ] || [ ! -d web/node_modules/playwright-core ]; then
+# The pendant's page takes three.js and urdf-loader, and its browser test
+# playwright-core and pixelmatch, from the npm registry, at the versions
+# web/package-lock.json pins.
+if [ ! -d web/node_modules/urdf-loader ] || [ ! -d web/node_modules/pixelmatch ]; then
   npm ci --prefix web --no-audit --no-fund </dev/null
 fi
 
@@ -56,11 +58,11 @@ run_suite build/ci -DTQL_BUILD_BENCH=ON
 stage "address + undefined-behaviour sanitizers"
 ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
   run_suite build/asan -DTQL_SANITIZE=ON -DCMAKE_BUILD_TYPE=Debug
-stage "thread sanitizer: the threaded tests (drag teaching, monitoring, the live view's server)"
+stage "thread sanitizer: the threaded tests (drag teaching, monitoring)"
 cmake -S . -B build/tsan -DTQL_WERROR=ON -DTQL_TSAN=ON >/dev/null
-cmake --build build/tsan -j"$jobs" --target drag_teach_test teach_test sim_view_test
+cmake --build build/tsan -j"$jobs" --target drag_teach_test teach_test
 TSAN_OPTIONS=halt_on_error=1 ctest --test-dir build/tsan --output-on-failure -j"$jobs" --timeout 600 \
-  -R '^(DragTeach|Teaching|SimView)\.' </dev/null
+  -R '^(DragTeach|Teaching)\.' </dev/null
 stage "the board: 32-bit ARM cross build, every test under qemu-arm"
 tools/cross-build.sh
 stage "fuzzing: every target 20 s"

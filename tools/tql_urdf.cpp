@@ -5,16 +5,25 @@
 // Reads "parameter.db" in the working directory: the robot type chosen in
 // system_parameters, and from the type's table its joint speed and
 // acceleration limits (rows 1, 2), joint directions (row 11), kinematic
-// lengths (row 12) and dynamic parameters (row 13). Writes the URDF to
-// OUTPUT.urdf (through OUTPUT.urdf.part, renamed when complete) or, without
-// it or with "-", to standard output. Exit status 0; 1 when the database
-// cannot be read, its robot type is not a six-revolute-joint arm of the
-// closed-form kinematics, or the world file does not fit; 2 on bad usage.
+// lengths (row 12) and dynamic parameters (row 13). Builds the arm as a
+// urdfdom model and writes it through urdfdom's exporter to OUTPUT.urdf
+// (through OUTPUT.urdf.part, renamed when complete) or, without it or with
+// "-", to standard output. Exit status 0; 1 when the database cannot be
+// read, its robot type is not a six-revolute-joint arm of the closed-form
+// kinematics, or the world file does not fit; 2 on bad usage.
 //
 // Frames: link i is the controller's modified-DH frame i, joint i's origin
 // Rx(alpha_i) Tx(a_i) Tz(d_i) Rz(offset_i), its axis the child frame's z, so
 // the URDF's joint angle is the controller's user-zero joint angle q_i and the
 // fixed "flange" link is the frame fk_ur returns (lengths in metres here).
+//
+// Limits: velocity the type's joint speed limit (row 1, rad/s with the
+// controller's pi), effort the joint torque at the peak current of the
+// joint's actuator (JointPeakTorque: the most the controller ever commands),
+// position the actuators' factory limits. Shapes: every link has one
+// cylinder, as <visual> and as <collision>, from its origin to the next
+// joint's, of a radius proportional to the arm's size; a picture and a
+// coarse collision body, not the arm's housing.
 //
 // Inertial data: by default from row 13, the 36 base parameters, mapped back
 // to one standard parameter set with the same base parameters (so the joint
@@ -24,6 +33,7 @@
 // world's joints sit where the database's geometry puts them. Row 13's
 // friction columns (36..47), when present, become <dynamics damping friction>.
 #include <sqlite3.h>
+#include <urdf_parser/urdf_parser.h>
 
 #include <algorithm>
 #include <cctype>
@@ -33,14 +43,19 @@
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
+#include <locale>
 #include <map>
+#include <memory>
 #include <sstream>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
+#include "database.h"
 #include "durable_file.h"
 #include "dynamics.h"
 #include "kinematics.h"
+#include "mechnical_unit.h"
 
 namespace {
 
@@ -62,6 +77,11 @@ const char* const kOtherTypes[] = {"GL_4L3", "FREE_COMBINATION"};
 // [kg] and to its least spread along its joint axis [kg m^2] (1 g at 1 cm).
 constexpr double kMassFloor = 1e-3;
 constexpr double kSpreadFloor = 1e-7;
+// Radius of the links' cylinders: this share of the arm's size (the sum of
+// its six kinematic lengths), at least the floor [m], so that an arm of zero
+// lengths still shows.
+constexpr double kLinkRadiusShare = 0.05;
+constexpr double kLinkRadiusFloor = 0.005;
 
 struct Geometry {
     double a[kJoints] = {}, d[kJoints] = {};  // metres
@@ -449,6 +469,58 @@ bool InertiaFromWorld(const char* path, const Geometry& g, std::vector<Inertial>
     return true;
 }
 
+// ---- the urdfdom model
+
+urdf::Pose PoseOf(const double xyz[3], const double rpy[3]) {
+    urdf::Pose pose;
+    pose.position = urdf::Vector3(xyz[0], xyz[1], xyz[2]);
+    pose.rotation.setFromRPY(rpy[0], rpy[1], rpy[2]);
+    return pose;
+}
+
+// A link's cylinder of radius r [m], as its visual and its collision shape:
+// from the link origin to `next`, the next joint's origin in the link frame
+// [m], its axis (the cylinder's z) along that offset. A link whose next joint
+// sits on its origin (and the flange, which has none) gets its actuator's
+// drum instead: 2 r long along its joint axis z, centred on the origin.
+void AddCylinder(urdf::Link* link, const double next[3], double r) {
+    auto cylinder = std::make_shared<urdf::Cylinder>();
+    cylinder->radius = r;
+    cylinder->length = std::sqrt(next[0] * next[0] + next[1] * next[1] + next[2] * next[2]);
+    double xyz[3] = {}, rpy[3] = {};
+    if (cylinder->length > 1e-9) {  // above the rounding noise of the frames
+        for (int k = 0; k < 3; ++k) xyz[k] = 0.5 * next[k];
+        // Rz(yaw) Ry(pitch) turns z onto the offset.
+        rpy[1] = std::atan2(std::hypot(next[0], next[1]), next[2]);
+        rpy[2] = std::atan2(next[1], next[0]);
+    } else {
+        cylinder->length = 2.0 * r;
+    }
+    auto visual = std::make_shared<urdf::Visual>();
+    visual->origin = PoseOf(xyz, rpy);
+    visual->geometry = cylinder;
+    auto collision = std::make_shared<urdf::Collision>();
+    collision->origin = visual->origin;
+    collision->geometry = cylinder;
+    link->visual = visual;
+    link->visual_array = {visual};
+    link->collision = collision;
+    link->collision_array = {collision};
+}
+
+// urdfdom's exporter writes numbers through streams of default precision:
+// six digits, pi/2 as 1.5708 (4e-6 rad off), a speed limit of 3.1415926 rad/s
+// as 3.14159. Streams take the number formatting of the global locale when
+// they are made; while this one is global, doubles are written as Num writes
+// them, the shortest text that reads back as the same double.
+class RoundTripNumbers : public std::num_put<char> {
+protected:
+    iter_type do_put(iter_type out, std::ios_base&, char_type, double v) const override {
+        for (const char c : Num(v)) *out++ = c;
+        return out;
+    }
+};
+
 // ---- output
 
 bool WriteOutput(const std::string& path, const std::string& text, std::string* error) {
@@ -576,56 +648,128 @@ int main(int argc, char** argv) {
                      db.type.c_str());
     }
 
-    std::ostringstream x;
-    x << "<?xml version=\"1.0\"?>\n"
-      << "<!--\n"
-      << "  Robot type " << db.type << " as the controller sees it (written by tql-urdf from parameter.db).\n"
-      << "  Frames: link i is the controller's modified-DH frame i, joint i's origin\n"
-      << "  Rx(alpha_i) Tx(a_i) Tz(d_i) Rz(offset_i), its axis z, its angle the controller's\n"
-      << "  joint angle q_i; \"flange\" is the flange frame of the forward kinematics.\n"
-      << "  Units: m, kg, kg*m^2, rad, rad/s. Position limits: the actuators' factory\n"
-      << "  limits (parameter.db holds none); effort: not held by parameter.db (0).\n"
-      << note.str() << "-->\n"
-      << "<robot name=\"" << Lower(db.type) << "\">\n"
-      << "  <link name=\"base_link\"/>\n";
-    for (int i = 0; i < kJoints; ++i) {
-        double xyz[3], rpy[3];
-        JointOrigin(g, i, xyz, rpy);
-        const std::string n = std::to_string(i + 1);
-        x << "  <joint name=\"joint" << n << "\" type=\"revolute\">\n"
-          << "    <parent link=\"" << (i == 0 ? "base_link" : "link" + std::to_string(i)) << "\"/>\n"
-          << "    <child link=\"link" << n << "\"/>\n"
-          << "    <!-- alpha " << Num(kAlpha[i]) << ", a " << Num(g.a[i]) << " m, d " << Num(g.d[i]) << " m, offset "
-          << Num(kOffset[i]) << "; actuator direction " << Num(direction[i]) << "; acceleration limit "
-          << Num(acceleration[i] * kDegToRad) << " rad/s^2 -->\n"
-          << "    <origin xyz=\"" << Nums(xyz, 3) << "\" rpy=\"" << Nums(rpy, 3) << "\"/>\n"
-          << "    <axis xyz=\"0 0 1\"/>\n"
-          << "    <limit lower=\"" << Num(-kPositionLimit) << "\" upper=\"" << Num(kPositionLimit)
-          << "\" effort=\"0\" velocity=\"" << Num(speed[i] * kDegToRad) << "\"/>\n";
-        if (has_friction)
-            x << "    <dynamics damping=\"" << Num(row13[kBaseParameterNum + i]) << "\" friction=\""
-              << Num(row13[kBaseParameterNum + kJoints + i]) << "\"/>\n";
-        x << "  </joint>\n";
-        const Inertial& in = inertial[i];
-        if (in.mass == 0.0) {
-            x << "  <link name=\"link" << n << "\"/>\n";
-            continue;
-        }
-        x << "  <link name=\"link" << n << "\">\n"
-          << "    <inertial>\n"
-          << "      <origin xyz=\"" << Nums(in.xyz, 3) << "\" rpy=\"" << Nums(in.rpy, 3) << "\"/>\n"
-          << "      <mass value=\"" << Num(in.mass) << "\"/>\n"
-          << "      <inertia ixx=\"" << Num(in.ixx) << "\" ixy=\"" << Num(in.ixy) << "\" ixz=\"" << Num(in.ixz)
-          << "\" iyy=\"" << Num(in.iyy) << "\" iyz=\"" << Num(in.iyz) << "\" izz=\"" << Num(in.izz) << "\"/>\n"
-          << "    </inertial>\n"
-          << "  </link>\n";
+    // Effort: the joint torque at the peak current of the joint's actuator
+    // (the type's layout picks the actuator; parameter.db holds no torques).
+    int type_code = -1;
+    for (int code : {kTypeGL_6L3, kTypeGL_2P8_P6_3P3, kTypeGL_6L6, kTypeGL_2L6_4L3})
+        if (db.type == RobotTypeName(code)) type_code = code;
+    double effort[kJoints];
+    for (int i = 0; i < kJoints; ++i)
+        if (!((effort[i] = JointPeakTorque(type_code, i)) > 0.0))
+            return Fail("no peak torque known for joint " + std::to_string(i + 1) + " of robot type " + db.type);
+    double size = 0.0;  // m
+    for (int i = 0; i < kJoints; ++i) size += std::fabs(g.a[i]) + std::fabs(g.d[i]);
+    const double radius = std::max(kLinkRadiusShare * size, kLinkRadiusFloor);
+
+    // The chain base_link, link1 .. link6, flange; next[k]: the origin of the
+    // joint after link k in link k's frame (the flange sits on link 6's
+    // frame and is the last).
+    urdf::ModelInterface model;
+    model.name_ = Lower(db.type);
+    std::vector<urdf::LinkSharedPtr> links;
+    for (int k = 0; k <= kJoints + 1; ++k) {
+        links.push_back(std::make_shared<urdf::Link>());
+        links[k]->name = k == 0 ? "base_link" : k <= kJoints ? "link" + std::to_string(k) : "flange";
+        model.links_[links[k]->name] = links[k];
     }
-    x << "  <joint name=\"flange_joint\" type=\"fixed\">\n"
-      << "    <parent link=\"link6\"/>\n"
-      << "    <child link=\"flange\"/>\n"
-      << "  </joint>\n"
-      << "  <link name=\"flange\"/>\n"
-      << "</robot>\n";
-    if (!WriteOutput(output, x.str(), &error)) return Fail(error);
+    double rpy[kJoints][3], next[kJoints + 2][3] = {};
+    for (int i = 0; i < kJoints; ++i) {
+        JointOrigin(g, i, next[i], rpy[i]);
+        auto j = std::make_shared<urdf::Joint>();
+        j->name = "joint" + std::to_string(i + 1);
+        j->type = urdf::Joint::REVOLUTE;
+        j->parent_link_name = links[i]->name;
+        j->child_link_name = links[i + 1]->name;
+        j->parent_to_joint_origin_transform = PoseOf(next[i], rpy[i]);
+        j->axis = urdf::Vector3(0.0, 0.0, 1.0);
+        j->limits = std::make_shared<urdf::JointLimits>();
+        j->limits->lower = -kPositionLimit;
+        j->limits->upper = kPositionLimit;
+        j->limits->effort = effort[i];
+        j->limits->velocity = speed[i] * kDegToRad;
+        if (has_friction) {
+            j->dynamics = std::make_shared<urdf::JointDynamics>();
+            j->dynamics->damping = row13[kBaseParameterNum + i];
+            j->dynamics->friction = row13[kBaseParameterNum + kJoints + i];
+        }
+        model.joints_[j->name] = j;
+        const Inertial& in = inertial[i];
+        if (in.mass == 0.0) continue;
+        auto I = std::make_shared<urdf::Inertial>();
+        I->origin = PoseOf(in.xyz, in.rpy);
+        I->mass = in.mass;
+        I->ixx = in.ixx, I->ixy = in.ixy, I->ixz = in.ixz, I->iyy = in.iyy, I->iyz = in.iyz, I->izz = in.izz;
+        links[i + 1]->inertial = I;
+    }
+    auto flange = std::make_shared<urdf::Joint>();
+    flange->name = "flange_joint";
+    flange->type = urdf::Joint::FIXED;
+    flange->parent_link_name = links[kJoints]->name;
+    flange->child_link_name = links[kJoints + 1]->name;
+    model.joints_[flange->name] = flange;
+    for (int k = 0; k <= kJoints + 1; ++k) AddCylinder(links[k].get(), next[k], radius);
+    try {
+        std::map<std::string, std::string> parent_of;
+        model.initTree(parent_of);
+        model.initRoot(parent_of);
+    } catch (const std::exception& e) {
+        return Fail(std::string("the model is no tree: ") + e.what());
+    }
+
+    std::unique_ptr<TiXmlDocument> doc;
+    {
+        const std::locale previous = std::locale::global(std::locale(std::locale::classic(), new RoundTripNumbers));
+        doc.reset(urdf::exportURDF(model));
+        std::locale::global(previous);
+    }
+    TiXmlElement* robot = doc ? doc->RootElement() : nullptr;
+    if (robot == nullptr) return Fail("urdfdom's exporter wrote no document");
+    std::map<std::string, TiXmlElement*> element;  // links and joints by name (no name is both)
+    for (TiXmlElement* e = robot->FirstChildElement(); e != nullptr; e = e->NextSiblingElement())
+        if (const char* name = e->Attribute("name")) element[name] = e;
+    // The exporter writes a rotation as the roll, pitch and yaw of its
+    // quaternion, which can come back an ulp off the angles the frame was
+    // made of: those angles are written instead.
+    auto set_rpy = [&](const std::string& key, const char* inner, const double* angles) {
+        TiXmlElement* e = element.count(key) ? element[key] : nullptr;
+        if (e != nullptr && inner != nullptr) e = e->FirstChildElement(inner);
+        if (e != nullptr) e = e->FirstChildElement("origin");
+        if (e != nullptr) e->SetAttribute("rpy", Nums(angles, 3));
+        return e != nullptr;
+    };
+    for (int i = 0; i < kJoints; ++i) {
+        const std::string n = std::to_string(i + 1);
+        if (!set_rpy("joint" + n, nullptr, rpy[i]) ||
+            (inertial[i].mass != 0.0 && !set_rpy("link" + n, "inertial", inertial[i].rpy)))
+            return Fail("urdfdom's exporter wrote no origin of joint " + n + " or link " + n);
+        const std::string note = " alpha " + Num(kAlpha[i]) + ", a " + Num(g.a[i]) + " m, d " + Num(g.d[i]) +
+                                 " m, offset " + Num(kOffset[i]) + "; actuator direction " + Num(direction[i]) +
+                                 "; acceleration limit " + Num(acceleration[i] * kDegToRad) + " rad/s^2 ";
+        TiXmlElement* joint = element["joint" + n];
+        joint->InsertBeforeChild(joint->FirstChild(), TiXmlComment(note.c_str()));
+    }
+    std::ostringstream header;
+    header << "\n"
+           << "  Robot type " << db.type << " as the controller sees it (written by tql-urdf from parameter.db).\n"
+           << "  Frames: link i is the controller's modified-DH frame i, joint i's origin\n"
+           << "  Rx(alpha_i) Tx(a_i) Tz(d_i) Rz(offset_i), its axis z, its angle the controller's\n"
+           << "  joint angle q_i; \"flange\" is the flange frame of the forward kinematics.\n"
+           << "  Units: m, kg, kg*m^2, rad, rad/s, N*m. Position limits: the actuators' factory\n"
+           << "  limits (parameter.db holds none); velocity: row 1; effort: the joint torque at\n"
+           << "  the peak current of the joint's actuator (torque constant x peak current, the\n"
+           << "  most the controller commands; parameter.db holds no torques).\n"
+           << "  Shapes: one cylinder per link, visual and collision, of radius " << Num(radius) << " m\n"
+           << "  from the link's origin to the next joint's (where that joint sits on the\n"
+           << "  origin, and for the flange, 2 radii along the joint axis): a picture and a\n"
+           << "  coarse collision body, not the arm's housing.\n"
+           << note.str();
+    doc->InsertBeforeChild(robot, TiXmlComment(header.str().c_str()));
+    doc->InsertBeforeChild(doc->FirstChild(), TiXmlDeclaration("1.0", "", ""));
+    TiXmlPrinter printer;
+    printer.SetIndent("  ");
+    doc->Accept(&printer);
+    std::string text = printer.Str();
+    if (text.empty() || text.back() != '\n') text += '\n';
+    if (!WriteOutput(output, text, &error)) return Fail(error);
     return 0;
 }

@@ -1,7 +1,9 @@
 // tql-urdf's output read back with urdfdom into a KDL chain: its forward
 // kinematics is fk_ur's, and KDL's recursive Newton-Euler gives the torques
 // of the controller's model, for the demo arm and for random physical arms
-// whose base parameters are put into row 13; bad input is refused.
+// whose base parameters are put into row 13; every robot type's links carry
+// cylinders joining their joints and its joints their limits; bad input is
+// refused.
 #include <sqlite3.h>
 #include <sys/wait.h>
 #include <urdf_parser/urdf_parser.h>
@@ -14,7 +16,9 @@
 #include <cstdlib>
 #include <fstream>
 #include <random>
+#include <sstream>
 #include <string>
+#include <vector>
 
 #include "database.h"
 #include "dynamics.h"
@@ -92,22 +96,38 @@ std::pair<double, double> TorqueMismatch(const KDL::Chain& chain, double* P, uns
     return {worst, largest};
 }
 
-double Row13(const std::string& db, double* P) {
-    double sum = 0;
+// The first n numbers of row `id` of table `type`.
+std::vector<double> DbRow(const std::string& db, const std::string& type, int id, int n) {
     std::string text;
     sqlite3* h = nullptr;
     sqlite3_open(db.c_str(), &h);
     sqlite3_exec(
-        h, "SELECT VALUE FROM GL_6L3 WHERE ID = 13",
+        h, ("SELECT VALUE FROM " + type + " WHERE ID = " + std::to_string(id)).c_str(),
         [](void* t, int, char** v, char**) {
             *static_cast<std::string*>(t) = v[0];
             return 0;
         },
         &text, nullptr);
     sqlite3_close(h);
-    GetDataFormChar(text.c_str(), P, kBaseParameterNum);
+    std::vector<double> row(n);
+    GetDataFormChar(text.c_str(), row.data(), n);
+    return row;
+}
+
+double Row13(const std::string& db, double* P) {
+    const std::vector<double> row = DbRow(db, "GL_6L3", 13, kBaseParameterNum);
+    std::copy(row.begin(), row.end(), P);
+    double sum = 0;
     for (int k = 0; k < kBaseParameterNum; ++k) sum += std::fabs(P[k]);
     return sum;
+}
+
+// A number "key = value" of the simulated bus's configuration file.
+double SimConf(const std::string& path, const std::string& key) {
+    std::istringstream in(tqltest::ReadFile(path));
+    for (std::string line; std::getline(in, line);)
+        if (line.rfind(key + " = ", 0) == 0) return std::atof(line.c_str() + key.size() + 3);
+    return NAN;
 }
 
 // Largest difference (m, and rotation entries) of the chain's flange pose from
@@ -210,6 +230,72 @@ TEST(UrdfExport, RandomPhysicalArmsMapBackToPhysicalLinks) {
         const std::pair<double, double> rne = TorqueMismatch(LoadChain(dir.File("random.urdf"), &physical), P, arm);
         EXPECT_TRUE(physical) << "arm " << arm << ": " << messages;
         EXPECT_LT(rne.first, 2e-7 * rne.second) << "arm " << arm;
+    }
+}
+
+// Each six-joint type's file read back with urdfdom: every link, flange
+// included, has a visual and a collision cylinder from its origin to the next
+// joint's origin, or, where that is the origin itself, a drum centred on it
+// along the joint axis z; the radius is the same share of the arm's size for
+// every type. Every moving joint's effort is positive (on the demo type the
+// simulated drive's peak, sim.conf's torque constant x peak current) and its
+// velocity row 1's speed limit in rad/s (the controller's pi).
+TEST(UrdfExport, LinksHaveCylindersAndJointsTheirLimits) {
+    double share = 0;  // radius / arm size, the first type's
+    for (const std::string type : {"GL_6L3", "GL_2P8_P6_3P3", "GL_6L6", "GL_2L6_4L3"}) {
+        SCOPED_TRACE(type);
+        ScratchDir dir(false);
+        const std::string db = dir.File("parameter.db");
+        ASSERT_TRUE(tqltest::ExecSql(db, "UPDATE system_parameters SET VALUE = '" + type + "' WHERE ID = 1"));
+        std::string messages;
+        ASSERT_EQ(RunUrdf(dir.path(), "out.urdf", &messages), 0) << messages;
+        const urdf::ModelInterfaceSharedPtr model = urdf::parseURDF(tqltest::ReadFile(dir.File("out.urdf")));
+        ASSERT_TRUE(model);
+        EXPECT_EQ(model->links_.size(), 8u);
+        const std::vector<double> speed = DbRow(db, type, 1, 6), lengths = DbRow(db, type, 12, 6);
+        double size = 0;
+        for (double l : lengths) size += l / 1000.0;
+        const double drive_peak =
+            SimConf(dir.File("sim.conf"), "torque_constant") * SimConf(dir.File("sim.conf"), "peak_current");
+        int moving = 0;
+        for (urdf::LinkConstSharedPtr link = model->getRoot(); link;) {
+            const urdf::JointSharedPtr next = link->child_joints.empty() ? nullptr : link->child_joints[0];
+            const urdf::Vector3 p = next ? next->parent_to_joint_origin_transform.position : urdf::Vector3();
+            const KDL::Vector to(p.x, p.y, p.z);
+            const std::pair<urdf::Pose, urdf::GeometrySharedPtr> shapes[2] = {
+                {link->visual ? link->visual->origin : urdf::Pose(), link->visual ? link->visual->geometry : nullptr},
+                {link->collision ? link->collision->origin : urdf::Pose(),
+                 link->collision ? link->collision->geometry : nullptr}};
+            for (const auto& [o, geometry] : shapes) {
+                const auto* c = dynamic_cast<const urdf::Cylinder*>(geometry.get());
+                ASSERT_TRUE(c != nullptr) << link->name << ": no visual or collision cylinder";
+                EXPECT_GT(c->radius, 0) << link->name;
+                EXPECT_GT(c->length, 0) << link->name;
+                if (share == 0) share = c->radius / size;
+                EXPECT_NEAR(c->radius / size, share, 1e-12) << link->name;
+                const KDL::Vector centre(o.position.x, o.position.y, o.position.z);
+                const KDL::Vector half =
+                    KDL::Rotation::Quaternion(o.rotation.x, o.rotation.y, o.rotation.z, o.rotation.w) *
+                    KDL::Vector(0, 0, 0.5 * c->length);
+                if (to.Norm() < 1e-9) {
+                    EXPECT_LT(centre.Norm() + std::fabs(std::fabs(half.z()) - 0.5 * c->length), 1e-12) << link->name;
+                } else {
+                    const double ends = std::min((centre - half).Norm() + (centre + half - to).Norm(),
+                                                 (centre + half).Norm() + (centre - half - to).Norm());
+                    EXPECT_LT(ends, 1e-12) << link->name << " does not reach joint " << next->name;
+                }
+            }
+            if (next && next->type != urdf::Joint::FIXED) {
+                ASSERT_TRUE(next->limits) << next->name;
+                EXPECT_GT(next->limits->effort, 0) << next->name;
+                if (type == "GL_6L3") {
+                    EXPECT_DOUBLE_EQ(next->limits->effort, drive_peak) << next->name;
+                }
+                EXPECT_DOUBLE_EQ(next->limits->velocity, speed[moving++] * 3.1415926 / 180.0) << next->name;
+            }
+            link = next ? model->getLink(next->child_link_name) : nullptr;
+        }
+        EXPECT_EQ(moving, 6);
     }
 }
 
