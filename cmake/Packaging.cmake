@@ -69,12 +69,13 @@ if(TARGET tql_urdf)
 endif()
 set(CPACK_DEBIAN_TOOLS_PACKAGE_RECOMMENDS "python3-tql, python3-matplotlib, python3-numpy")
 set(CPACK_DEBIAN_TOOLS_DESCRIPTION
-  "Orvalt Manipulator Controller: host program, tools and demo\ntql (the host), tql-identify, tql-excite, tql-pacing, tql-urdf, tql-plot,\nthe live 3D view's page, and the demo working directory in /usr/share/tql/demo.")
+  "Orvalt Manipulator Controller: host program, tools and demo\ntql (the host), tql-pendant (the operator's pendant) and its page,\ntql-identify, tql-excite, tql-pacing, tql-urdf, tql-plot, tql-pendant-latency,\nand the demo working directory in /usr/share/tql/demo.")
 
 set(CPACK_DEBIAN_PYTHON_PACKAGE_NAME python3-tql)
 set(CPACK_DEBIAN_PYTHON_PACKAGE_SECTION python)
 set(CPACK_DEBIAN_PYTHON_PACKAGE_DEPENDS "libtql1 ${_tql_exact}, python3 (>= 3.11), python3 (<< 3.12), python3-numpy")
+set(CPACK_DEBIAN_PYTHON_PACKAGE_RECOMMENDS "python3-websocket")  # the pendant's client, tql_pendant
 set(CPACK_DEBIAN_PYTHON_DESCRIPTION
-  "Orvalt Manipulator Controller: Python module\nKinematics, the speed profile, the dynamics regressor and inverse dynamics,\nand the trajectory file reader and writer, on numpy arrays.")
+  "Orvalt Manipulator Controller: Python module\nKinematics, the speed profile, the dynamics regressor and inverse dynamics,\nand the trajectory file reader and writer, on numpy arrays; tql_pendant,\nthe client of the pendant's network API.")
 
 include(CPack)

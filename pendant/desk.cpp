@@ -427,12 +427,21 @@ void Desk::Handle(const Json& request, Reply reply) {
     }
     if (op == "run") {
         if (freed_.load()) return answer(Error("the arm is free: hold it first"));
+        {
+            // Words sent before this run are not its steps; those sent from
+            // now on are, even before the worker takes the run up.
+            std::lock_guard<std::mutex> lock(step_mutex);
+            step_words.clear();
+        }
         return Submit("program", request, std::move(reply), [this, request] { return RunProgram(request); });
     }
     if (op == "free") return Submit("free", request, std::move(reply), [this] { return Free(); });
     if (op == "replay") {
         if (freed_.load()) return answer(Error("the arm is free: hold it first"));
-        return Submit("replay", request, std::move(reply), [this] {
+        const double override_value = request.value("override", 1.0);
+        if (!(override_value > kOverrideLow && override_value < kOverrideHigh)) return answer(Error("override: 0.1 .. 1"));
+        return Submit("replay", request, std::move(reply), [this, override_value] {
+            SetReplayOverride(override_value);
             return MoveTrajectory(GetCurrentRobot(), trajectory_, false) < 0 ? Error("replay refused or stopped")
                                                                               : Ok();
         });
@@ -567,10 +576,6 @@ Json Desk::RunProgram(const Json& request) {
     SetReplayOverride(override_value);
     SetSmoothReplay(request.value("blend", false));
     SetOperationCycleMode(cycle == "step" ? STEP : cycle == "continuous" ? CONTINUOUS : CYCLE);
-    {
-        std::lock_guard<std::mutex> lock(step_mutex);
-        step_words.clear();
-    }
     const int result = ReplayPath(program_);
     return result < 0 ? Error("the program was refused or stopped (see the messages)") : Ok();
 }

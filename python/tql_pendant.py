@@ -230,9 +230,10 @@ class Pendant:
         """Saves the recording as the trajectory file; its number of samples."""
         return self.request("record_stop")["samples"]
 
-    def replay(self) -> None:
-        """Replays the trajectory file once; returns at its end."""
-        self.request("replay", wait=None)
+    def replay(self, override: float = 1.0) -> None:
+        """Replays the trajectory file once at `override` (0.1..1: a sample every
+        4 / override ms); returns at its end."""
+        self.request("replay", wait=None, override=override)
 
     def home(self) -> None:
         """All joints to 0 degrees; returns once there."""

@@ -1,7 +1,9 @@
 """tql-pendant driven through its Python client (tql_pendant) on the simulated
 arm, real clock: a held jog against its speed, taught lines against the
 program file, a second client and bad JSON refused, a bad program's message
-at its line and its run refused, a good program's end point.
+at its line and its run refused, a good program's end point, a step run
+back and forth, a hand-guided recording (the scripted hand) replayed to its
+end, and 15 slow clients holding up no one.
 
 Environment: TQL_PENDANT_BIN (the pendant; default build/dev/tql-pendant),
 TQL_DEMO_DIR (the working directory copied; default demo/ beside it),
@@ -10,11 +12,13 @@ import os
 import re
 import shutil
 import signal
+import socket
 import subprocess
 import sys
 import tempfile
 import time
 import unittest
+import urllib.request
 
 ROOT = os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "..")
 sys.path.append(os.path.join(ROOT, "python"))  # after PYTHONPATH: the build's copy comes first
@@ -44,6 +48,7 @@ class PendantClient(unittest.TestCase):
         if os.path.exists(os.path.join(cls.dir, "sim_state.txt")):  # a fresh arm, at zero
             os.remove(os.path.join(cls.dir, "sim_state.txt"))
         env = {k: v for k, v in os.environ.items() if k != "TQL_SIM_CLOCK"}  # heartbeats need the real clock
+        env["TQL_SIM_HAND"] = "hand.csv"  # pulls the arm while it floats
         cls.err_path = os.path.join(cls.dir, "pendant.err")
         with open(os.path.join(cls.dir, "pendant.out"), "wb") as out, open(cls.err_path, "wb") as err:
             cls.proc = subprocess.Popen([PENDANT, "--port", "0"], cwd=cls.dir, env=env, stdout=out, stderr=err)
@@ -150,6 +155,51 @@ class PendantClient(unittest.TestCase):
             for joint, goal in zip(end["joints_deg"], END):
                 self.assertAlmostEqual(joint, goal, delta=0.01)
             self.assertTrue(end["status"])
+
+    def until_at(self, arm, goal):
+        self.until(lambda: all(abs(q - g) < 0.01 for q, g in zip(arm.state(fresh=True)["joints_deg"], goal)), 20)
+
+    def test_steps_guiding_recording_and_replay(self):
+        with Pendant(self.url) as arm:
+            self.assertTrue(arm.save_program(GOOD)["ok"])
+            first = numbers(GOOD.splitlines()[1])
+            run = arm.run(cycle="step", wait=False)
+            for direction, goal, line in (("forward", first, 2), ("forward", END, 3), ("backward", first, 2)):
+                arm.step(direction)
+                self.until_at(arm, goal)
+                self.assertEqual(arm.state()["line"], line)
+            arm.stop()  # ends the step run
+            with self.assertRaises(PendantError):
+                run.result(10)
+
+            arm.home()  # where the scripted hand takes the arm from, gently
+            arm.free()
+            arm.record_start()
+            time.sleep(1.3)  # the hand holds still for 1 s, then pulls
+            samples = arm.record_stop()
+            arm.hold()
+            with open(os.path.join(self.dir, arm.hello["trajectory"])) as trajectory:
+                rows = [[float(v) for v in line.split(",")] for line in trajectory]
+            self.assertEqual(len(rows), samples)
+            self.assertGreater(samples, 250)  # 1.3 s of 4 ms samples, less the requests' delays
+            self.assertGreater(max(abs(a - b) for a, b in zip(rows[0], rows[-1])), 0.2)  # the hand pulled (a still arm drifts < 0.05)
+            arm.home()
+            arm.replay(override=0.2)  # the hand's start is a kink: too sudden for the full speed
+            self.until_at(arm, rows[-1])
+
+    def test_slow_clients_hold_nothing_up(self):
+        host, port = re.match(r"ws://([^:]+):(\d+)/", self.url).groups()
+        slow = [socket.create_connection((host, int(port))) for _ in range(15)]
+        try:
+            for s in slow:  # a request's first line and then nothing
+                s.sendall(b"GET / HTTP/1.1\r\nHost: %s:%s\r\n" % (host.encode(), port.encode()))
+            started = time.monotonic()
+            page = urllib.request.urlopen(f"http://{host}:{port}/", timeout=5).read()
+            self.assertLess(time.monotonic() - started, 0.5)
+            self.assertIn(b"<canvas", page)
+        finally:
+            for s in slow:
+                s.close()
 
 
 if __name__ == "__main__":
