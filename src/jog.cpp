@@ -215,8 +215,7 @@ int JogWhileHeld(int kind, int index, int direction, double speed_share) {
     const AccDecDate own = joint ? limits[index] : (index < 3 ? line : turn);
     double reach = joint ? kHeldJointReach : (index < 3 ? kHeldLineReach : kHeldTurnReach);
     if (joint) {
-        // No further than the joint's soft limit: the search below then
-        // usually passes at once, keeping the press-to-motion delay short.
+        // No further than the joint's soft limit: no samples beyond it.
         double lo[kMaxJointNum], hi[kMaxJointNum];
         robot->GetMinLimitData(lo);
         robot->GetMaxLimitData(hi);
@@ -239,23 +238,33 @@ int JogWhileHeld(int kind, int index, int direction, double speed_share) {
         MatrixLeftMul(moved, jog, start_frame);
         return robot->FollowFrame(q, moved);
     };
-    // How far the jog may go: the longest rest-to-rest step of it (at the jog
-    // speed) whose whole stream passes the pre-flight: every set-point of
-    // the path within the soft limits, the workspace and the kinematics.
-    AccDecDate slow[kMaxJointNum];
-    for (int i = 0; i < n; ++i) slow[i] = limits[i], slow[i].speed *= kJogSpeedFactor;
-    AccDecDate slow_line = line, slow_turn = turn;
-    slow_line.speed *= kJogSpeedFactor;
-    slow_turn.speed *= kJogSpeedFactor;
-    const double share = PassingShare(reach, [&](double s) {
-        double target[kMaxJointNum];
-        if (place(s, start, target) < 0) return -1;
-        double from[kMaxJointNum];
-        for (int i = 0; i < n; ++i) from[i] = start[i];
-        AccDecDate l = slow_line, t = slow_turn;
-        return joint ? MoveJointPath(robot, from, target, slow) : MoveLinearPath(robot, from, target, &l, &t);
-    });
-    const double extent = share * reach;
+    // How far the jog may go, before it starts: its path sampled every
+    // `delta` from the start, each sample solved by the inverse kinematics
+    // and passing the set-point checks (soft limits, the actuators' speed
+    // from the sample before over a period, which also ends the path short of
+    // a singularity, and the workspace); the extent ends at the last sample
+    // before the first that does not. The set-points in between are checked
+    // again as they are sent. The cost grows with the path's length, not with
+    // its duration at the jog speed: the first set-point follows the press at
+    // once.
+    const double delta = joint ? kPathSampleAngle : (index < 3 ? kPathSampleLength : kPathSampleAngle);
+    const int most = static_cast<int>(std::min(std::floor(reach / delta), 1e5));
+    std::vector<std::array<double, kMaxJointNum>> path(1);
+    for (int i = 0; i < n; ++i) path[0][i] = start[i];
+    {
+        tql::PreflightScope dry;
+        QuietStdout quiet;
+        std::array<double, kMaxJointNum> q{};
+        for (int k = 1; k <= most; ++k) {
+            std::array<double, kMaxJointNum> before = path.back();
+            if (place(k * delta, before.data(), q.data()) < 0 ||
+                robot->CheckPositionTick(q.data(), before.data(), true) < 0)
+                break;
+            path.push_back(q);
+        }
+    }
+    const int samples = static_cast<int>(path.size()) - 1;
+    const double extent = samples * delta;
 
     // The jog's own limits, slowed k times (speed / k, acceleration / k^2,
     // jerk / k^3) where its path needs more of a joint than the joint's own
@@ -265,17 +274,8 @@ int JogWhileHeld(int kind, int index, int direction, double speed_share) {
     //   jerk  |q'''| <= |q_s| J + 3 |q_ss| V A + |q_sss| V^3
     // wherever along the path the profile speeds up or brakes (a held jog
     // brakes wherever it is let go), with q_s, q_ss, q_sss by differences of
-    // the path sampled every kPathSample along the extent.
+    // the sampled path.
     double V = own.speed * kJogSpeedFactor * speed_share, A = own.acceleration, J = own.jerk;
-    const double delta = joint ? kPathSampleAngle : (index < 3 ? kPathSampleLength : kPathSampleAngle);
-    const int samples = static_cast<int>(std::min(std::floor(extent / delta), 1e5));
-    std::vector<std::array<double, kMaxJointNum>> path(static_cast<size_t>(std::max(samples, 0) + 1));
-    double seed[kMaxJointNum];
-    for (int i = 0; i < n; ++i) seed[i] = start[i];
-    for (int k = 0; k <= samples; ++k) {
-        if (place(k * delta, seed, path[k].data()) < 0) return -1;
-        for (int i = 0; i < n; ++i) seed[i] = path[k][i];
-    }
     double slow_down = 1.0;
     for (int k = 1; k + 2 <= samples; ++k) {
         for (int i = 0; i < n; ++i) {

