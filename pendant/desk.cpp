@@ -1,6 +1,8 @@
 #include "desk.h"
 
 #include <dlfcn.h>
+#include <pthread.h>
+#include <sched.h>
 #include <fcntl.h>
 #include <unistd.h>
 
@@ -25,6 +27,7 @@
 #include "interface.h"
 #include "interpolation.h"
 #include "program.h"
+#include "timing.h"
 
 namespace pendant {
 
@@ -199,6 +202,10 @@ bool Desk::StepWord(std::string* word) {
 }
 
 void Desk::Work() {
+    // The control loops run on this thread: real-time priority when
+    // TQL_REALTIME=1 asks for it, for this thread alone (the server's and the
+    // dialogue's threads started before it and keep the normal one).
+    tql::RequestRealTimeIfAsked();
     if (!job_.empty()) {
         char name[] = "tql";
         std::vector<char> word(job_.begin(), job_.end());
@@ -390,6 +397,8 @@ void Desk::Handle(const Json& request, Reply reply) {
             std::atomic<bool> jogging{true};
             double first_ms = -1.0;
             std::thread watch([&] {
+                sched_param normal{};
+                pthread_setschedparam(pthread_self(), SCHED_OTHER, &normal);  // not the worker's priority
                 double start[kMaxJointNum] = {}, q[kMaxJointNum] = {};
                 CopyRealTimePos(start, n);
                 while (jogging.load()) {

@@ -49,6 +49,7 @@ class PendantClient(unittest.TestCase):
             os.remove(os.path.join(cls.dir, "sim_state.txt"))
         env = {k: v for k, v in os.environ.items() if k != "TQL_SIM_CLOCK"}  # heartbeats need the real clock
         env["TQL_SIM_HAND"] = "hand.csv"  # pulls the arm while it floats
+        env["TQL_REALTIME"] = "1"  # the arm's thread asks for real-time priority (granted to root)
         cls.err_path = os.path.join(cls.dir, "pendant.err")
         with open(os.path.join(cls.dir, "pendant.out"), "wb") as out, open(cls.err_path, "wb") as err:
             cls.proc = subprocess.Popen([PENDANT, "--port", "0"], cwd=cls.dir, env=env, stdout=out, stderr=err)
@@ -186,6 +187,13 @@ class PendantClient(unittest.TestCase):
             arm.home()
             arm.replay(override=0.2)  # the hand's start is a kink: too sudden for the full speed
             self.until_at(arm, rows[-1])
+
+    def test_only_the_arms_thread_is_real_time(self):
+        policies = [os.sched_getscheduler(int(tid)) for tid in os.listdir(f"/proc/{self.proc.pid}/task")]
+        if os.SCHED_FIFO not in policies:
+            self.skipTest("real-time scheduling refused here")
+        # The arm's worker; the server's, the dialogue's and the main thread stay normal.
+        self.assertEqual(policies.count(os.SCHED_FIFO), 1, policies)
 
     def test_slow_clients_hold_nothing_up(self):
         host, port = re.match(r"ws://([^:]+):(\d+)/", self.url).groups()
