@@ -78,4 +78,15 @@ set(CPACK_DEBIAN_PYTHON_PACKAGE_RECOMMENDS "python3-websocket")  # the pendant's
 set(CPACK_DEBIAN_PYTHON_DESCRIPTION
   "Orvalt Manipulator Controller: Python module\nKinematics, the speed profile, the dynamics regressor and inverse dynamics,\nand the trajectory file reader and writer, on numpy arrays; tql_pendant,\nthe client of the pendant's network API.")
 
+# Every package carries the project's licence (MIT) as its copyright file.
+foreach(_tql_pkg runtime:libtql1 dev:libtql-dev sim:tql-sim tools:tql python:python3-tql)
+  string(REPLACE ":" ";" _tql_pair ${_tql_pkg})
+  list(GET _tql_pair 0 _tql_component)
+  list(GET _tql_pair 1 _tql_name)
+  if(_tql_component IN_LIST CPACK_COMPONENTS_ALL)
+    install(FILES ${PROJECT_SOURCE_DIR}/LICENSE DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/${_tql_name}
+            RENAME copyright COMPONENT ${_tql_component})
+  endif()
+endforeach()
+
 include(CPack)

@@ -31,11 +31,6 @@ constexpr double kRadToDeg = 57.295780490442965;
 const char* const kModeWords[] = {"mode0", "mode1", "mode2", "mode3", "mode4",
                                   "admin", "reset", "calibrate", "tutorials"};
 
-bool IsModeWord(const char* word) {
-    for (const char* m : kModeWords)
-        if (std::strcmp(word, m) == 0) return true;
-    return false;
-}
 
 // Repetitions of the excitation in an identification run.
 constexpr int kExcitationRepetitions = 16;
@@ -62,6 +57,13 @@ int Dispatch(const std::string& word) {
 }
 
 }  // namespace
+
+bool IsModeWord(const char* word) {
+    if (word == nullptr) return false;
+    for (const char* m : kModeWords)
+        if (std::strcmp(word, m) == 0) return true;
+    return false;
+}
 
 Robot* GetCurrentRobot() { return &cur_robot[0]; }
 

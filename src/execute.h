@@ -8,6 +8,9 @@
 
 // Host entry: argv[1] is one mode word. 0 or the job's result, -1 on failure.
 int RunningProgram(int argc, char** argv);
+// True for the mode words RunningProgram takes (mode0 .. mode4, admin,
+// reset, calibrate, tutorials).
+bool IsModeWord(const char* word);
 int Boot();
 void ShutDown();
 void VersionManagement();

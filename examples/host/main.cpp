@@ -38,6 +38,9 @@ int main() {
     if (GetCurrentRobot()->GetRobotJointNum() != 6) return 1;
     ShowPose("booted");
     std::remove(kProgram);
+    // The arm stays where the last run left it (a real arm does): the jogs
+    // below are planned from home.
+    if (!Step("home", MoveToHomePosition())) return 1;
 
     // Out of the straight-up pose (its wrist is singular) by joint jogs,
     // then straight down along the base z axis; each pose reached is

@@ -151,6 +151,12 @@ TEST(BadData, RefusedWithItsMessageBeforeAnythingMovesAndFilesKept) {
          "Joint 1 speed 250 deg/s beyond its limit 90 deg/s (row 1)\nSample 401 refused before motion.\n"
          "No speed override (0.1 .. 1) lets it pass.\n",
          255, false, "file/trajectory.txt"},
+        {"a legal start away from home, then a jump", "mode2",
+         [](const ScratchDir& d) {
+             tqltest::WriteFile(d.File("file/trajectory.txt"), Trajectory(500, [](int k) { return k < 300 ? 20 : 25; }));
+         },
+         "1\n", "ID 1 beyond speed limit\nSample 300 refused before motion.\n", 255,
+         false, "file/trajectory.txt"},
         {"twice the acceleration limit", "mode2",
          [](const ScratchDir& d) { tqltest::WriteFile(d.File("file/trajectory.txt"), Trajectory(101, TwiceTheAcceleration)); },
          "1\n",

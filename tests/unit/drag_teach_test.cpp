@@ -14,6 +14,7 @@
 
 #include "database.h"
 #include "execute.h"
+#include "interface.h"
 #include "interpolation.h"
 #include "sim_control.h"
 #include "test_support.h"
@@ -217,6 +218,17 @@ TEST_F(DragTeach, HostEndsMonitoringIntoPositionHold) {
         };
         while (!floating() && std::chrono::steady_clock::now() < give_up) std::this_thread::yield();
         EXPECT_TRUE(floating());
+        // Moved by hand, the arm's pose is published as the real-time position.
+        PoseArm(kA);
+        bool published = false;
+        while (!published && std::chrono::steady_clock::now() < give_up) {
+            double q[6], pose[6];
+            GetRealTimePos(q, pose);
+            published = true;
+            for (int j = 0; j < 6; ++j) published = published && std::fabs(q[j] - kA[j]) < 1e-6;
+            std::this_thread::yield();
+        }
+        EXPECT_TRUE(published) << "the real-time position does not follow the floating arm";
         SetRunningMode(kReplayPathMode);
         monitoring.join();
         return 0;

@@ -2,6 +2,8 @@
 // demo arm built from its modified-DH table: forward and inverse dynamics,
 // falling, brakes, the drives' peak current and the scripted hand in current
 // mode, reading noise, contacts with obstacles and scripted torque pulses.
+#include <Eigen/Cholesky>
+#include <kdl/chaindynparam.hpp>
 #include <kdl/chain.hpp>
 #include <kdl/chainfdsolver_recursive_newton_euler.hpp>
 #include <kdl/chainfksolverpos_recursive.hpp>
@@ -76,23 +78,44 @@ TEST_F(SimPhysics, WorldIsThePlausibleDhArmAndMovesAsKdlSays) {
     EXPECT_NEAR(peak_static, 8.0, 1.5) << "joint 2's peak static torque";
     EXPECT_LT(peak_static, 10.0 * kKt) << "held within the drive's 10 A peak current";
 
-    // All joints free, friction and hand off: the world's accelerations are KDL's.
-    arm.world.set_friction(false);
-    KDL::ChainFdSolver_RNE fd(arm.chain, kGravity);
+    // All joints free and moving, the hand off: the world's accelerations
+    // solve KDL's equations of motion under the motor torques, less the
+    // file's viscous and Coulomb friction when it is on, the viscous part
+    // taken at the step's end rate (M + h b) ddq = tau - b dq - fc sign(dq) - c(q, dq) - g(q).
+    KDL::ChainDynParam dynamics(arm.chain, kGravity);
+    KDL::ChainIdSolver_RNE bias(arm.chain, kGravity);
+    const double h = 0.001;  // s
     std::mt19937 rng(11);
     std::uniform_real_distribution<double> u(-1.0, 1.0);
-    for (int sample = 0; sample < 200; ++sample) {
-        for (int i = 0; i < 6; ++i) {
-            q(i) = arm.world.q()[i] = 2.9 * u(rng);
-            dq(i) = arm.world.dq()[i] = 3.0 * u(rng);
-            tau(i) = arm.world.drive()[i].motor = 10.0 * u(rng);
-            arm.world.drive()[i].free = true;
+    for (bool friction : {false, true}) {
+        arm.world.set_friction(friction);
+        for (int sample = 0; sample < 200; ++sample) {
+            for (int i = 0; i < 6; ++i) {
+                q(i) = arm.world.q()[i] = 2.9 * u(rng);
+                // At least 0.05 rad/s: the smooth Coulomb sign is the sign there.
+                dq(i) = arm.world.dq()[i] = std::copysign(0.05 + 2.95 * std::fabs(u(rng)), u(rng));
+                tau(i) = arm.world.drive()[i].motor = 10.0 * u(rng);
+                arm.world.drive()[i].free = true;
+            }
+            double got[6];
+            arm.world.Accelerations(h, got);
+            KDL::JntSpaceInertiaMatrix M(6);
+            KDL::JntArray c(6), zero(6);
+            dynamics.JntToMass(q, M);
+            bias.CartToJnt(q, dq, zero, NoWrenches(arm.chain), c);
+            Eigen::Matrix<double, 6, 6> A = M.data;
+            Eigen::Matrix<double, 6, 1> r;
+            for (int i = 0; i < 6; ++i) {
+                const double b = friction ? arm.world.viscous(i) : 0.0, fc = friction ? arm.world.coulomb(i) : 0.0;
+                A(i, i) += h * b;
+                r(i) = tau(i) - b * dq(i) - std::copysign(fc, dq(i)) - c(i);
+            }
+            const Eigen::Matrix<double, 6, 1> want = A.ldlt().solve(r);
+            for (int i = 0; i < 6; ++i)
+                ASSERT_NEAR(got[i], want(i), 1e-8 * (1 + std::fabs(want(i)))) << friction << "," << sample << "," << i;
         }
-        double got[6];
-        arm.world.Accelerations(0.001, got);
-        fd.CartToJnt(q, dq, tau, NoWrenches(arm.chain), ddq);
-        for (int i = 0; i < 6; ++i) ASSERT_NEAR(got[i], ddq(i), 1e-8 * (1 + std::fabs(ddq(i)))) << sample << "," << i;
     }
+    EXPECT_GT(arm.world.coulomb(1) + arm.world.viscous(1), 0.0) << "the file's friction is not zero";
 }
 
 // A smooth commanded motion: the currents read, times kt * direction, are the
@@ -199,7 +222,13 @@ TEST_F(SimPhysics, NoiseIsSeededWithTheConfiguredSpreadAndPhysicsNeedsAMatchingW
     EXPECT_EQ(readings(4000), a) << "same seed, same readings";
     tqltest::WriteFile("sim.conf", tqltest::ReadFile("sim.conf") + "noise_seed = 2\n");
     ASSERT_NO_FATAL_FAILURE(Boot());
-    EXPECT_NE(readings(1)[0], a[0]);
+    const double second = readings(1)[0];
+    EXPECT_NE(second, a[0]);
+    // A seed that is no whole number is reported and left out: seed 2 stays
+    // (7.5 taken would be seed 7).
+    tqltest::WriteFile("sim.conf", tqltest::ReadFile("sim.conf") + "noise_seed = 7.5\n");
+    ASSERT_NO_FATAL_FAILURE(Boot());
+    EXPECT_EQ(readings(1)[0], second);
 
     for (const auto& env : std::vector<std::pair<const char*, const char*>>{
              {"TQL_SIM_URDF", "none"}, {"TQL_SIM_URDF", "missing.urdf"}, {"TQL_SIM_ACTUATORS", "5"}}) {
