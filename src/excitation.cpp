@@ -15,6 +15,7 @@
 #include "execute.h"
 #include "interpolation.h"
 #include "program.h"
+#include "progress.h"
 #include "timing.h"
 
 namespace {
@@ -168,6 +169,7 @@ int MoveExcitationTrajectories(Robot* robot, int repetitions) {
     int rows = 0;
     // Each period starts and ends at rest; a stop brakes the sample clock.
     ArmOutput arm(robot, wait_ms * 1e-3, true);
+    tql::Progress progress("excitation period", repetitions, kLastSample);
     for (int r = 0; r < repetitions; ++r) {
         tql::SleepMilliseconds(kRepetitionPauseMs);
         if (IsTerminal()) std::cout << "Running  iter = " << r << std::endl;
@@ -176,6 +178,7 @@ int MoveExcitationTrajectories(Robot* robot, int repetitions) {
             if (arm.Stopped()) return -1;
             if (!arm.LookingAhead()) robot->RequestCVPValue();
             if (arm.Send(&trajectory[k * n], &trajectory[(k - 1) * n], 0) < 0) return arm.Finish(-1);
+            progress.Update(static_cast<long>(r) * kLastSample + k);
             if (arm.LookingAhead()) continue;
             if (robot->controller_ != nullptr) robot->controller_->processEvents();
             double* record = &records[static_cast<size_t>(rows) * record_width];

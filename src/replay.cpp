@@ -14,6 +14,7 @@
 #include "interpolation.h"
 #include "math_fun.h"
 #include "program.h"
+#include "progress.h"
 #include "timing.h"
 
 namespace {
@@ -169,6 +170,7 @@ int MoveTrajectoryOnce(Robot* robot, double* samples, int rows) {
     if (collision) InitC();
     arm.Restart();
     int result = 0;
+    tql::Progress progress("replay", 1, rows - 1);
     for (int k = 1; k < rows && result == 0; ++k) {
         if (arm.Stopped()) {
             result = -1;
@@ -177,6 +179,7 @@ int MoveTrajectoryOnce(Robot* robot, double* samples, int rows) {
         if (collision && !arm.LookingAhead()) robot->RequestCVPValue();
         double* sample = samples + static_cast<size_t>(k) * n;
         result = arm.Send(sample, sample - n, 0);
+        progress.Update(k);
     }
     return arm.Finish(result);
 }

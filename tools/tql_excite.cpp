@@ -22,6 +22,7 @@
 
 #include "dynamics_tools.h"
 #include "kinematics.h"
+#include "progress.h"
 
 namespace {
 
@@ -197,7 +198,9 @@ int main(int argc, char** argv) {
         for (int v = 1; v < kFree; ++v) x[j * kFree + v] = 0.01 * normal(rng);
     Score best = Evaluate(x, m, o);
     double sigma = 0.02;
+    tql::Progress progress("tql-excite: iteration", o.iterations);
     for (int it = 0; it < o.iterations; ++it) {
+        progress.Update(it + 1);
         std::vector<double> y = x;
         for (double& v : y) v += sigma * normal(rng);
         const Score s = Evaluate(y, m, o);

@@ -39,6 +39,7 @@
 
 #include "collision_monitor.h"
 #include "dynamics_tools.h"
+#include "progress.h"
 
 namespace {
 
@@ -200,7 +201,9 @@ void Stack(const Samples& s, const ArmModel& model, Eigen::MatrixXd* W, Eigen::V
     W->resize(n * kJoints, kIdentifiedColumns);
     y->resize(n * kJoints);
     double block[kJoints][kIdentifiedColumns];
+    tql::Progress progress("tql-identify: regressor", 1, n);
     for (int k = 0; k < n; ++k) {
+        progress.Update(k + 1);
         tqltools::IdentificationRegressor(model, s.q[k].data(), s.dq[k].data(), s.ddq[k].data(), block);
         for (int i = 0; i < kJoints; ++i) {
             for (int c = 0; c < kIdentifiedColumns; ++c) (*W)(k * kJoints + i, c) = block[i][c];
@@ -289,7 +292,9 @@ std::array<double, kJoints> CollisionThresholds(const std::vector<Record>& recor
     std::array<double, kJoints> peak{};
     const double never[kJoints] = {INFINITY, INFINITY, INFINITY, INFINITY, INFINITY, INFINITY};
     CollisionMonitor observer;
+    tql::Progress progress("tql-identify: collision thresholds", 1, static_cast<long>(records.size()));
     for (size_t k = 0; k < records.size(); ++k) {
+        progress.Update(static_cast<long>(k) + 1);
         if (k % kPeriodSamples == 0) observer.Start(model.a, model.d, x.data(), never);
         double q[kJoints], dq[kJoints], tau[kJoints];
         for (int j = 0; j < kJoints; ++j) {

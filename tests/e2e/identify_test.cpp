@@ -27,8 +27,9 @@ struct ToolRun {
     std::string out;  // standard output and error
 };
 // Runs one of the dynamics tools in `dir`.
-ToolRun RunTool(const std::string& dir, const std::string& command) {
-    const std::string tool = tqltest::HostLauncherPrefix() + TQL_TOOLS_DIR "/" + command;
+// `command` names a tool of the build; with `shell`, the whole command line.
+ToolRun RunTool(const std::string& dir, const std::string& command, const std::string& shell = "") {
+    const std::string tool = shell.empty() ? tqltest::HostLauncherPrefix() + TQL_TOOLS_DIR "/" + command : "(" + shell + ")";
     FILE* p = popen(("cd '" + dir + "' && " + tool + " 2>&1 </dev/null").c_str(), "r");
     std::string out;
     char buf[4096];
@@ -69,13 +70,18 @@ TEST(Identification, AdminRunIdentifiedParametersPredictAFreshRun) {
     ASSERT_EQ(admin.exit_code, 0) << admin.out << admin.err;
     EXPECT_EQ(tqltest::CountOf(admin.out, "Running  iter = "), 16);
     EXPECT_NE(admin.err.find(" commands, 0 beyond limits"), std::string::npos) << admin.err;
+    EXPECT_EQ(admin.err.find("excitation period"), std::string::npos) << "progress only on a terminal";
     const std::string data = tqltest::ReadFile(excitation.File("file/excitation_output.txt"));
     EXPECT_EQ(tqltest::CountOf(data, "\n"), 16 * 2500);
     EXPECT_EQ(tqltest::CountOf(data, ","), 16 * 2500 * 17);
 
     // A different excitation, recorded without measurement noise, is the reference.
     ASSERT_EQ(RunTool(fresh.path(), "tql-excite --seed 7 --iterations 300 --write parameter.db").exit_code, 0);
-    ASSERT_EQ(tqltest::RunHost(fresh.path(), {"admin"}, "1\n", {{"TQL_SIM_NOISE", "0"}}, 600).exit_code, 0);
+    // Run on a terminal (script's), where the progress shows on standard error.
+    const ToolRun terminal = RunTool(fresh.path(), "", "printf '1\\n' | TQL_SIM_CLOCK=virtual TQL_SIM_NOISE=0 script -qec '" +
+                                                        tqltest::HostLauncherPrefix() + TQL_TOOLS_DIR "/tql admin' /dev/null");
+    ASSERT_EQ(terminal.exit_code, 0) << terminal.out;
+    EXPECT_NE(terminal.out.find("excitation period 16 of 16, 100 %"), std::string::npos) << terminal.out;
 
     // The demo's rows come from this very run: clear row 13 and drop row 17,
     // which the identification must add.

@@ -59,6 +59,7 @@
 #include "interface.h"
 #include "interpolation.h"
 #include "program.h"
+#include "progress.h"
 #include "sim_control.h"
 #include "test_support.h"
 
@@ -1001,7 +1002,9 @@ int main(int argc, char** argv) {
     std::string worst_case;
     const long first = opt.only_case >= 0 ? opt.only_case : 0;
     const long last = opt.only_case >= 0 ? opt.only_case + 1 : opt.runs;
+    tql::Progress progress("soak: case", last - first);
     for (long k = first; k < last; ++k, ++runs) {
+        progress.Update(k - first + 1);
         const std::string head = "  seed " + std::to_string(opt.seed) + " case " + std::to_string(k) + "\n";
         watch(head + "  (booting)\n");
         Dice dice(opt.seed, k), fresh(opt.seed, k, kNewJobStream);
