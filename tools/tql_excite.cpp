@@ -20,6 +20,7 @@
 #include <string>
 #include <vector>
 
+#include "command_line.h"
 #include "dynamics_tools.h"
 #include "kinematics.h"
 #include "progress.h"
@@ -153,30 +154,21 @@ int Usage() {
     return 2;
 }
 
-bool ParseOptions(int argc, char** argv, Options* o) {
-    for (int i = 1; i < argc; ++i) {
-        const std::string arg = argv[i];
-        if (i + 1 >= argc) return false;
-        const std::string value = argv[++i];
-        char* end = nullptr;
-        const double number = std::strtod(value.c_str(), &end);
-        const bool numeric = end != value.c_str() && *end == '\0' && std::isfinite(number);
-        if (arg == "--db") o->db = value;
-        else if (arg == "--write") o->db = o->write = value;
-        else if (arg == "--seed" && numeric && number >= 0) o->seed = static_cast<unsigned>(number);
-        else if (arg == "--iterations" && numeric && number >= 1 && number <= 1e6) o->iterations = static_cast<int>(number);
-        else if (arg == "--max-angle" && numeric && number > 0 && number <= 180) o->max_angle = number;
-        else if (arg == "--margin" && numeric && number > 0 && number <= 1) o->margin = number;
-        else return false;
-    }
-    return true;
-}
-
 }  // namespace
 
 int main(int argc, char** argv) {
     Options o;
-    if (!ParseOptions(argc, argv, &o)) return Usage();
+    CLI::App app{"Designs the identification run's excitation (row 14 of the robot type's table).", "tql-excite"};
+    app.add_option("--db", o.db, "database describing the arm");
+    app.add_option_function<std::string>(
+        "--write", [&o](const std::string& db) { o.db = o.write = db; }, "store the design in this database");
+    app.add_option("--seed", o.seed, "random seed of the search");
+    app.add_option("--iterations", o.iterations, "search iterations")->check(CLI::Range(1, 1000000));
+    app.add_option("--max-angle", o.max_angle, "largest joint angle, degrees")
+        ->check(CLI::Range(0.0, 180.0) & !CLI::IsMember({0.0}));
+    app.add_option("--margin", o.margin, "share of the speed and acceleration limits")
+        ->check(CLI::Range(0.0, 1.0) & !CLI::IsMember({0.0}));
+    if (const int status = tqltools::ParseCommandLine(app, argc, argv, Usage); status >= 0) return status;
     ArmModel m;
     std::string error;
     if (!tqltools::LoadArmModel(o.db, &m, &error)) {

@@ -38,6 +38,7 @@
 #include <vector>
 
 #include "collision_monitor.h"
+#include "command_line.h"
 #include "dynamics_tools.h"
 #include "progress.h"
 
@@ -370,16 +371,14 @@ std::vector<std::string> Diagnose(const double* spread, double cond, double resi
 
 int main(int argc, char** argv) {
     std::string file, db = "parameter.db", write, validate;
-    for (int i = 1; i < argc; ++i) {
-        const std::string arg = argv[i];
-        const bool has_value = i + 1 < argc;
-        if (arg == "--db" && has_value) db = argv[++i];
-        else if (arg == "--write" && has_value) db = write = argv[++i];
-        else if (arg == "--validate" && has_value) validate = argv[++i];
-        else if (!arg.empty() && arg[0] != '-' && file.empty()) file = arg;
-        else return Usage();
-    }
-    if (file.empty()) return Usage();
+    CLI::App app{"Identifies the arm's dynamic parameters (row 13) and collision thresholds (row 17).",
+                 "tql-identify"};
+    app.add_option("FILE", file, "excitation output of 'tql admin'")->required();
+    app.add_option("--db", db, "database describing the arm");
+    app.add_option_function<std::string>(
+        "--write", [&](const std::string& to) { db = write = to; }, "store rows 13 and 17 in this database");
+    app.add_option("--validate", validate, "predict the torques of another run with the result");
+    if (const int status = tqltools::ParseCommandLine(app, argc, argv, Usage); status >= 0) return status;
 
     ArmModel model;
     std::string error;

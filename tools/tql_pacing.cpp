@@ -18,6 +18,8 @@
 #include <string>
 #include <vector>
 
+#include "command_line.h"
+
 namespace {
 
 constexpr double kPauseSeconds = 0.05;
@@ -43,16 +45,21 @@ Stats Summarise(std::vector<double> periods) {
     return s;
 }
 
+int Usage() {
+    std::cerr << "usage: tql-pacing FILE.csv" << std::endl;
+    return 2;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
-    if (argc != 2) {
-        std::cerr << "usage: tql-pacing FILE.csv" << std::endl;
-        return 2;
-    }
-    std::ifstream in(argv[1]);
+    std::string file;
+    CLI::App app{"Period statistics of the set-point streams in a flight recording.", "tql-pacing"};
+    app.add_option("FILE", file, "a flight recording (TQL_SIM_RECORD)")->required();
+    if (const int status = tqltools::ParseCommandLine(app, argc, argv, Usage); status >= 0) return status;
+    std::ifstream in(file);
     if (!in) {
-        std::cerr << "tql-pacing: cannot open " << argv[1] << std::endl;
+        std::cerr << "tql-pacing: cannot open " << file << std::endl;
         return 2;
     }
     std::map<int, double> last;               // id -> time of its previous set-point
@@ -68,7 +75,7 @@ int main(int argc, char** argv) {
         last[id] = time;
     }
     if (periods.empty()) {
-        std::cerr << "tql-pacing: no set-point streams in " << argv[1] << std::endl;
+        std::cerr << "tql-pacing: no set-point streams in " << file << std::endl;
         return 1;
     }
     std::printf("actuator  periods   mean ms  median ms   p99 ms  worst ms  overruns\n");

@@ -51,6 +51,7 @@
 #include <string>
 #include <vector>
 
+#include "command_line.h"
 #include "database.h"
 #include "durable_file.h"
 #include "dynamics.h"
@@ -556,25 +557,18 @@ int Fail(const std::string& message) {
 
 }  // namespace
 
+int Usage() {
+    std::fprintf(stderr, "usage: tql-urdf [--inertial-from WORLD.urdf] [OUTPUT.urdf]\n");
+    return 2;
+}
+
 int main(int argc, char** argv) {
-    const char* world = nullptr;
-    std::string output;
-    bool have_output = false;
-    for (int i = 1; i < argc; ++i) {
-        const std::string arg = argv[i];
-        const bool help = arg == "-h" || arg == "--help";
-        if (arg == "--inertial-from" && i + 1 < argc) {
-            world = argv[++i];
-        } else if (help || (arg.size() > 1 && arg[0] == '-') || have_output) {
-            std::fprintf(help ? stdout : stderr,
-                         "usage: tql-urdf [--inertial-from WORLD.urdf] [OUTPUT.urdf]\n"
-                         "Writes the URDF of the arm in ./parameter.db (standard output without OUTPUT).\n");
-            return help ? 0 : 2;
-        } else {
-            output = arg;
-            have_output = true;
-        }
-    }
+    std::string world_file, output;
+    CLI::App app{"Writes the URDF of the arm in ./parameter.db (standard output without OUTPUT).", "tql-urdf"};
+    app.add_option("OUTPUT", output, "the URDF file to write");
+    app.add_option("--inertial-from", world_file, "a world URDF whose links' inertial data fit row 13");
+    if (const int status = tqltools::ParseCommandLine(app, argc, argv, Usage); status >= 0) return status;
+    const char* world = world_file.empty() ? nullptr : world_file.c_str();
 
     Database db;
     std::string error;
