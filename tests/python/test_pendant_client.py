@@ -3,7 +3,7 @@ arm, real clock: a held jog against its speed, taught lines against the
 program file, a second client and bad JSON refused, a bad program's message
 at its line and its run refused, a good program's end point, a step run
 back and forth, a hand-guided recording (the scripted hand) replayed to its
-end, and 15 slow clients holding up no one.
+end, 15 slow clients holding up no one, oversized headers refused.
 
 Environment: TQL_PENDANT_BIN (the pendant; default build/dev/tql-pendant),
 TQL_DEMO_DIR (the working directory copied; default demo/ beside it),
@@ -18,6 +18,7 @@ import sys
 import tempfile
 import time
 import unittest
+import urllib.error
 import urllib.request
 
 ROOT = os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "..")
@@ -205,6 +206,11 @@ class PendantClient(unittest.TestCase):
             page = urllib.request.urlopen(f"http://{host}:{port}/", timeout=5).read()
             self.assertLess(time.monotonic() - started, 0.5)
             self.assertIn(b"<canvas", page)
+            # Headers beyond 8 KiB: refused, nothing read further.
+            big = urllib.request.Request(f"http://{host}:{port}/", headers={"X-Filler": "x" * 20000})
+            with self.assertRaises(urllib.error.HTTPError) as refused:
+                urllib.request.urlopen(big, timeout=5)
+            self.assertEqual(refused.exception.code, 413)
         finally:
             for s in slow:
                 s.close()
