@@ -11,9 +11,9 @@
 # Files go under /usr; the programs find the library by their RPATH
 # ($ORIGIN/../lib), so a package tree unpacked under any root runs as it is.
 # The architecture is the target's: amd64 natively, armhf from the board's
-# cross build. Dependencies are named here rather than computed by
-# dpkg-shlibdeps, which cannot look into a cross build's sysroot; they are
-# the libraries `ldd` lists for each binary, by their Debian 12 package names.
+# cross build. Dependencies on Debian's packages are computed by
+# dpkg-shlibdeps natively and named below for the cross build (the libraries
+# `ldd` lists for each binary, by their Debian 12 package names).
 
 set(CPACK_GENERATOR DEB)
 set(CPACK_PACKAGE_NAME tql)
@@ -40,11 +40,36 @@ endif()
 
 set(_tql_exact "(= ${PROJECT_VERSION})")
 set(_tql_bus "tql-sim | libactuatorcontroller")
-set(_tql_cxx "libc6, libstdc++6, libgcc-s1")
+# Dependencies on Debian's own packages: computed by dpkg-shlibdeps from the
+# binaries natively (our own libraries, in the build tree, are left to the
+# names below); named here for the board's cross build, whose sysroot
+# dpkg-shlibdeps cannot look into.
+if(NOT CMAKE_CROSSCOMPILING AND EXISTS /usr/bin/dpkg-shlibdeps)
+  set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
+  set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS ${CMAKE_BINARY_DIR} ${CMAKE_BINARY_DIR}/sim)
+  set(_tql_computed ON)
+endif()
+# The arguments that are not empty, joined with ", "; the named ones only
+# without computed dependencies.
+function(tql_depends var)
+  set(named OFF)
+  set(out "")
+  foreach(item ${ARGN})
+    if(item STREQUAL "NAMED")
+      set(named ON)
+    elseif(NOT (named AND _tql_computed))
+      if(out)
+        string(APPEND out ", ")
+      endif()
+      string(APPEND out "${item}")
+    endif()
+  endforeach()
+  set(${var} "${out}" PARENT_SCOPE)
+endfunction()
 
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_NAME libtql1)
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_SECTION libs)
-set(CPACK_DEBIAN_RUNTIME_PACKAGE_DEPENDS "${_tql_cxx}, libsqlite3-0, ${_tql_bus}")
+tql_depends(CPACK_DEBIAN_RUNTIME_PACKAGE_DEPENDS "${_tql_bus}" NAMED libc6 libstdc++6 libgcc-s1 libsqlite3-0)
 set(CPACK_DEBIAN_RUNTIME_DESCRIPTION
   "Orvalt Manipulator Controller: control library\nBoots a six-joint arm of smart servo actuators from a SQLite parameter\ndatabase and runs MOVJ, MOVL and MOVC programs, teaching, replay,\nidentification and gravity compensation on a 4 ms cycle.")
 
@@ -56,16 +81,19 @@ set(CPACK_DEBIAN_DEV_DESCRIPTION
 
 set(CPACK_DEBIAN_SIM_PACKAGE_NAME tql-sim)
 set(CPACK_DEBIAN_SIM_PACKAGE_PROVIDES libactuatorcontroller)
-set(CPACK_DEBIAN_SIM_PACKAGE_DEPENDS "${_tql_cxx}, libsqlite3-0, liborocos-kdl1.5, liburdfdom-model3.0, libconsole-bridge1.0")
+tql_depends(CPACK_DEBIAN_SIM_PACKAGE_DEPENDS NAMED libc6 libstdc++6 libgcc-s1 liborocos-kdl1.5 liburdfdom-model3.0
+            libconsole-bridge1.0)
 set(CPACK_DEBIAN_SIM_DESCRIPTION
   "Orvalt Manipulator Controller: simulated actuator bus\nlibActuatorController.so for a PC: six simulated smart actuators driving a\nURDF arm with gravity, inertia and friction, with a flight recorder and\nfault injection. On the robot, the actuator maker's library takes its place.")
 
 set(CPACK_DEBIAN_TOOLS_PACKAGE_NAME tql)
-set(CPACK_DEBIAN_TOOLS_PACKAGE_DEPENDS "${_tql_cxx}, libsqlite3-0, libtql1 ${_tql_exact}, ${_tql_bus}")
+tql_depends(CPACK_DEBIAN_TOOLS_PACKAGE_DEPENDS "libtql1 ${_tql_exact}" "${_tql_bus}" NAMED libc6 libstdc++6 libgcc-s1
+            libsqlite3-0)
 # tql-urdf links urdfdom's model library and TinyXML itself (the simulated
 # bus, which also needs them, is not on the board).
 if(TARGET tql_urdf)
-  string(APPEND CPACK_DEBIAN_TOOLS_PACKAGE_DEPENDS ", liburdfdom-model3.0, libtinyxml2.6.2v5")
+  tql_depends(CPACK_DEBIAN_TOOLS_PACKAGE_DEPENDS "${CPACK_DEBIAN_TOOLS_PACKAGE_DEPENDS}" NAMED liburdfdom-model3.0
+              libtinyxml2.6.2v5)
 endif()
 set(CPACK_DEBIAN_TOOLS_PACKAGE_RECOMMENDS "python3-tql, python3-matplotlib, python3-numpy")
 set(CPACK_DEBIAN_TOOLS_DESCRIPTION

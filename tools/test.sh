@@ -13,7 +13,7 @@ cd "$(dirname "$0")/.."
 packages=(build-essential cmake pkg-config libsqlite3-dev libgtest-dev libgmock-dev
           libbenchmark-dev liborocos-kdl-dev libeigen3-dev liburdfdom-dev
           python3-dev python3-numpy python3-matplotlib pybind11-dev chromium file
-          libboost-dev nlohmann-json3-dev libcli11-dev python3-websocket)
+          libboost-dev nlohmann-json3-dev libcli11-dev python3-websocket dpkg-dev)
 missing=()
 # Node.js and npm from Debian where the machine has none of its own.
 command -v npm >/dev/null || packages+=(nodejs npm)

@@ -55,7 +55,9 @@ done
 # The installed host takes the installed library and bus, not the build's.
 for lib in libtql.so.1 libActuatorController.so; do
   found=$(env -u LD_LIBRARY_PATH ldd "$root/usr/bin/tql" | awk -v l="$lib" '$1 == l {print $3}')
-  [ "$(readlink -f "$found")" = "$(readlink -f "$root/usr/lib/$lib")" ] ||
+  packaged=$(find "$root/usr/lib" -name "$lib" | head -1)  # in the multiarch directory
+  [[ "$packaged" == "$root"/usr/lib/*-linux-gnu*/"$lib" ]] || fail "$lib is not in a multiarch directory: '$packaged'"
+  [ "$(readlink -f "$found")" = "$(readlink -f "$packaged")" ] ||
     fail "installed tql loads $lib from '$found', not from the package"
 done
 

@@ -10,7 +10,10 @@ work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 prefix=$work/prefix
 cmake --install "$build" --prefix "$prefix" >/dev/null
-for f in bin/tql lib/libtql.so lib/libActuatorController.so lib/cmake/tql/tqlConfig.cmake \
+# Debian's multiarch directory, e.g. lib/x86_64-linux-gnu.
+lib=lib/$(${CXX:-c++} -print-multiarch 2>/dev/null || true)
+lib=${lib%/}
+for f in bin/tql $lib/libtql.so $lib/libActuatorController.so $lib/cmake/tql/tqlConfig.cmake \
          include/tql/mechnical_unit.h include/tql/database.h include/tql/math_fun.h include/tql/execute.h \
          include/tql/actuatorcontroller.h include/tql/dynamics.h include/tql/kinematics.h include/tql/sim_control.h \
          bin/tql-identify bin/tql-excite share/tql/demo/parameter.db share/tql/demo/sim.conf share/tql/demo/arm.urdf \
@@ -19,8 +22,8 @@ for f in bin/tql lib/libtql.so lib/libActuatorController.so lib/cmake/tql/tqlCon
 done
 [ ! -e "$prefix/share/tql/demo/sim_state.txt" ] || { echo "installed demo holds a simulator state"; exit 1; }
 
-${CXX:-c++} -std=c++17 "$src/consumer.cpp" -I"$prefix/include" -L"$prefix/lib" -ltql -lActuatorController \
-  -Wl,-rpath,"$prefix/lib" -o "$work/by_hand"
+${CXX:-c++} -std=c++17 "$src/consumer.cpp" -I"$prefix/include" -L"$prefix/$lib" -ltql -lActuatorController \
+  -Wl,-rpath,"$prefix/$lib" -o "$work/by_hand"
 "$work/by_hand"
 
 cmake -S "$src" -B "$work/pkg" -DCMAKE_PREFIX_PATH="$prefix" >/dev/null
