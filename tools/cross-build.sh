@@ -71,7 +71,12 @@ export QEMU_LD_PREFIX=/usr/arm-linux-gnueabihf
 export TQL_HOST_LAUNCHER="qemu-arm -L $QEMU_LD_PREFIX"
 echo "armhf: every test under qemu-arm but the install test, which this build leaves out:" \
      "it builds consumer programs with the build machine's own compiler"
-ctest --test-dir build/armhf --output-on-failure -j"$jobs" --timeout 600 </dev/null
+# Left out here: three sweeps of the tools' and programs' refusals and of
+# every cycle setting, whose arithmetic the other tests exercise on the
+# board's build too; under emulation they cost four minutes (they run
+# natively and under the sanitizers).
+ctest --test-dir build/armhf --output-on-failure -j"$jobs" --timeout 600 \
+  -E '^(Identification\.ToolsRefuseBadInputAndUnidentifiedFitsAndLeaveTheDatabaseWhole|CartesianMoves\.UnreachablePoseMidPathEndsTheMoveAfterTheReachablePart|Mode4\.ProgramsRunToTheEndInEveryCycleSetting)$' </dev/null
 file build/armhf/tql build/armhf/libtql.so* | sed 's/,.*//'
 tested=$SECONDS
 

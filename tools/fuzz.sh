@@ -7,7 +7,8 @@
 #   tools/fuzz.sh [SECONDS] [TARGET ...]
 #
 # Installs what is missing (Debian packages, via apt-get, as root or with sudo).
-# TQL_FUZZ_JOBS sets the build's parallel jobs (default: the number of cores).
+# TQL_FUZZ_JOBS sets the build's parallel jobs and how many targets run at
+# once (default: the number of cores).
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -34,7 +35,8 @@ install_missing "libclang-rt-${clang_major}-dev"
 
 build=build/fuzz
 CC=clang CXX=clang++ cmake -S . -B "$build" -DTQL_FUZZ=ON -DTQL_BUILD_TESTS=OFF -DTQL_WERROR=ON >/dev/null
-cmake --build "$build" -j"${TQL_FUZZ_JOBS:-$(nproc 2>/dev/null || echo 2)}" --target tql_fuzz
+jobs=${TQL_FUZZ_JOBS:-$(nproc 2>/dev/null || echo 2)}
+cmake --build "$build" -j"$jobs" --target tql_fuzz
 
 dictionary() {
   case $1 in
@@ -43,28 +45,46 @@ dictionary() {
   esac
 }
 
-failed=0
-summary=()
-for t in "${targets[@]}"; do
-  corpus="$build/corpus/$t" artifacts="$build/artifacts/$t" log="$build/logs/$t.log"
+# One target: its corpus copied, run for the time given, its outcome into
+# $build/logs/$t.status ("ok RUNS" or "crash STATUS RUNS ARTIFACT").
+run_target() {
+  local t=$1 corpus="$build/corpus/$1" artifacts="$build/artifacts/$1" log="$build/logs/$1.log" status=0
   rm -rf "$corpus" "$artifacts"
   mkdir -p "$corpus" "$artifacts" "$(dirname "$log")"
   cp fuzz/corpus/"$t"/* "$corpus"/
-  echo "== $t: ${seconds} s"
-  status=0
   # -close_fd_mask=2: the library's messages on standard error are dropped;
   # libFuzzer's and the sanitizers' reports still reach the log.
   "$build/fuzz/$t" -max_total_time="$seconds" -timeout=10 -print_final_stats=1 -close_fd_mask=2 \
     -artifact_prefix="$PWD/$artifacts/" $(dictionary "$t") "$PWD/$corpus" >"$log" 2>&1 || status=$?
+  local runs found
   runs=$(sed -n 's/^stat::number_of_executed_units: *//p' "$log" | tail -n1)
   found=$(find "$artifacts" -type f | head -n1)
   if [ "$status" -ne 0 ] || [ -n "$found" ]; then
-    failed=1
-    summary+=("$t: ${runs:-?} executions, CRASH (exit $status) ${found:-}")
-    tail -n 40 "$log"
-    [ -n "$found" ] && echo "reproduce: $build/fuzz/$t $found"
+    echo "crash $status ${runs:-?} ${found:-}" >"$build/logs/$t.status"
   else
-    summary+=("$t: ${runs:-?} executions, no crash")
+    echo "ok ${runs:-?}" >"$build/logs/$t.status"
+  fi
+}
+
+# As many targets at once as there are build jobs (each fuzzer is one process).
+for t in "${targets[@]}"; do
+  echo "== $t: ${seconds} s"
+  while [ "$(jobs -rp | wc -l)" -ge "$jobs" ]; do wait -n || true; done
+  run_target "$t" &
+done
+wait
+
+failed=0
+summary=()
+for t in "${targets[@]}"; do
+  read -r outcome a b c <"$build/logs/$t.status"
+  if [ "$outcome" = ok ]; then
+    summary+=("$t: $a executions, no crash")
+  else
+    failed=1
+    summary+=("$t: $b executions, CRASH (exit $a) $c")
+    tail -n 40 "$build/logs/$t.log"
+    [ -n "$c" ] && echo "reproduce: $build/fuzz/$t $c"
   fi
 done
 echo "== fuzz summary (${seconds} s per target; logs in $build/logs)"

@@ -28,7 +28,14 @@ status=0
 if [ -x ../build/release/tql-pendant ]; then
   stay=()
   [ -t 0 ] && stay=(--stay)
-  ../build/release/tql-pendant --port "${TQL_PENDANT_PORT:-8765}" --job "${1:-mode4}" "${stay[@]}" || status=$?
+  if [ "${1:-mode4}" = mode4 ] && [ ! -t 0 ] && [ -c /dev/stdin ]; then
+    # Nobody to answer (standard input is /dev/null, as in CI): the demo's
+    # answers, override 1, one cycle, not blended.
+    printf '1\nCYCLE\nNO\n' | ../build/release/tql-pendant --port "${TQL_PENDANT_PORT:-8765}" --job mode4 ||
+      status=$?
+  else
+    ../build/release/tql-pendant --port "${TQL_PENDANT_PORT:-8765}" --job "${1:-mode4}" "${stay[@]}" || status=$?
+  fi
 else
   ../build/release/tql "${1:-mode4}" || status=$?
 fi
