@@ -183,9 +183,10 @@ class PendantClient(unittest.TestCase):
             with open(os.path.join(self.dir, arm.hello["trajectory"])) as trajectory:
                 rows = [[float(v) for v in line.split(",")] for line in trajectory]
             self.assertEqual(len(rows), samples)
-            # 1.3 s of 4 ms samples, less the requests' delays; a sanitized
-            # build's loop runs late and takes half as many.
-            self.assertGreater(samples, 100)
+            # 1.3 s of 4 ms samples (325) less the requests' delays; a
+            # sanitized build's loop on a loaded machine runs late and takes
+            # a third as many. The rows are the oracle: as many as recorded.
+            self.assertGreater(samples, 50)
             self.assertGreater(max(abs(a - b) for a, b in zip(rows[0], rows[-1])), 0.2)  # the hand pulled (a still arm drifts < 0.05)
             arm.home()
             arm.replay(override=0.2)  # the hand's start is a kink: too sudden for the full speed
