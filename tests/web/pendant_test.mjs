@@ -224,9 +224,10 @@ try {
     const good = file;
     await page.fill('#editor', `${taught[0]}\nMOVQ V=200 z5 1,2,3,4,5,6\n${taught[2]}\n`);
     await page.click('#save');
-    await until('the message at line 2', async () =>
-      (await page.$eval('#listing li:nth-child(2)', (e) => e.dataset.message)) !== '', 5000);
-    const message = await page.$eval('#listing li:nth-child(2)', (e) => e.dataset.message);
+    // The listing shows the saved program once the save's reply is in.
+    const second = () => page.evaluate(() => document.querySelector('#listing li:nth-child(2)')?.dataset.message || '');
+    await until('the message at line 2', async () => (await second()) !== '', 5000);
+    const message = await second();
     check(/Format error/.test(message), `line 2 shows the decoder's message: "${message}"`);
     const before = (await state(page)).joints_deg;
     await page.click('#run');
