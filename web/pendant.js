@@ -18,7 +18,7 @@ const AXES = ['x', 'y', 'z', 'rx', 'ry', 'rz'];
 
 // What tests and the screenshot tool read.
 const pendant = { hello: null, state: null, states: 0, frames: 0, ready: false, error: null, joints: 0, flange: null,
-  replies: [], workspace: null, send: null };
+  replies: [], workspace: null, send: null, linesShown: [], heldMs: null };
 window.pendant = pendant;
 
 const $ = (id) => document.getElementById(id);
@@ -219,6 +219,7 @@ function say(reply) {
 let held = null;  // { timer } while a jog button is held
 function press(kind, index, direction) {
   if (held) return;
+  pendant.pressedAt = performance.now();
   const speed = Number($('speed').value);
   held = { timer: setInterval(() => socket?.readyState === WebSocket.OPEN &&
     socket.send(JSON.stringify({ op: 'heartbeat' })), HEARTBEAT_MS) };
@@ -226,6 +227,7 @@ function press(kind, index, direction) {
 }
 function letGo() {
   if (!held) return;
+  pendant.heldMs = performance.now() - pendant.pressedAt;  // how long the button was held
   clearInterval(held.timer);
   held = null;
   send('release');
@@ -340,6 +342,9 @@ function show(state) {
   }));
   $('messages').textContent = state.messages.join('\n');
   showListing(state.line);
+  // The running lines highlighted, in order (for tests).
+  if (state.line && pendant.linesShown[pendant.linesShown.length - 1] !== state.line) pendant.linesShown.push(state.line);
+  if (!state.line && pendant.linesShown.length && pendant.linesShown[pendant.linesShown.length - 1] !== 0) pendant.linesShown.push(0);
   dirty = true;
 }
 
