@@ -239,8 +239,11 @@ try {
 
     // The good program runs; the highlighted line follows it to its end.
     await page.fill('#editor', good);
+    const replies = await page.evaluate(() => window.pendant.replies.length);
     await page.click('#save');
-    await until('the program saved', () => fs.readFileSync(path.join(main.dir, 'file/data.txt'), 'utf8') === good, 5000);
+    // Saved and checked: the save's reply has come (the file is written first).
+    await until('the save\'s reply', () => page.evaluate((n) => window.pendant.replies.slice(n).some((r) => r.saved), replies), 5000);
+    check(fs.readFileSync(path.join(main.dir, 'file/data.txt'), 'utf8') === good, 'the program saved whole');
     check((await page.evaluate(() => window.pendant.send('home'))).ok, 'home');  // replies at rest
     await page.evaluate(() => { window.pendant.linesShown = []; });
     await page.click('#run');
