@@ -432,6 +432,9 @@ void Desk::Handle(const Json& request, Reply reply) {
     if (op == "save_program") {
         const std::string text = request.value("text", "");
         if (text.size() > kMaxProgramBytes) return answer(Error("the program is too long"));
+        // A half-taught arc belongs to the program being replaced. Here, on
+        // the server's thread, where teaching keeps it.
+        have_auxiliary_ = false;
         return Submit("save", request, std::move(reply), [this, text] { return SaveProgram(text); });
     }
     if (op == "run") {
@@ -567,7 +570,6 @@ Json Desk::SaveProgram(const std::string& text) {
         }
     }
     if (tql::CommitFile(part, program_) < 0) return Error("could not write " + program_ + ": it is unchanged");
-    have_auxiliary_ = false;
     Json result = Check(program_);
     result["saved"] = true;
     return result;
