@@ -233,9 +233,7 @@ struct Physics {
     std::vector<HandRow> hand;
     size_t hand_row = 0;  // interpolation cursor
     double hand_origin = -1.0;  // bus time of the first switch to current mode, -1 before
-    // Contacts: each obstacle's last depth (m) and its time, for the damping.
-    std::vector<double> depth, depth_time;
-    std::vector<double> link_points;  // work space
+    std::vector<double> link_points, link_points_ahead, q_ahead, contact_dq;  // work space
     std::vector<Contact> contacts;
     double contacts_recorded = -1.0;  // bus time of the last "contact" rows
     std::vector<TorquePulse> pulses;
@@ -332,10 +330,11 @@ void NoteAppliedSetpoint(SimActuator& a, double raw, double now);
 // starts the hand's clock at the first switch to current mode.
 void LoadPhysics(Bus& bus);
 void AdvanceWorld(Bus& bus, double now);
-// The obstacles' contacts with the links at joint angles q (rad) into the
+// The obstacles' contacts with the links at joint angles q (rad), moving at
+// dq (rad/s, for the contacts' damping), into the
 // world (none without obstacles), and each into the flight recorder as a
 // "contact" row (id: the link, 1-based; value: the force, N).
-void UpdateContacts(Bus& bus, const double* q, double now);
+void UpdateContacts(Bus& bus, const double* q, const double* dq, double now);
 void NoteCurrentMode(Bus& bus, double now);
 // Joint angle of an actuator (rad): the world's when loaded, else converted.
 double JointAngle(const Bus& bus, const SimActuator& a);

@@ -85,51 +85,64 @@ double Depth(const Obstacle& o, const double* p, double r, double* normal) {
 
 }  // namespace
 
-void UpdateContacts(Bus& bus, const double* q, double now) {
+namespace {
+
+// The link (capsule) that reaches deepest into obstacle o, with the points
+// of the chain's links (3 per joint and the flange): its index (-1 for none),
+// the depth (m), the unit normal pushing it out and the touching point.
+int Deepest(const Obstacle& o, const double* points, int n, double r, double* depth, double* normal, double* at) {
+    int link = -1;
+    double best = 0.0;
+    for (int i = 0; i < n; ++i) {
+        const double* a = &points[3 * i];
+        const double* b = &points[3 * (i + 1)];
+        // The capsule's deepest point: nearest the sphere's centre, or the
+        // deepest of nine along the link for a box.
+        for (int s = 0; s <= (o.box ? 8 : 0); ++s) {
+            const double u = o.box ? s / 8.0 : Nearest(a, b, o.centre);
+            double point[3], nrm[3];
+            for (int c = 0; c < 3; ++c) point[c] = a[c] + u * (b[c] - a[c]);
+            const double d = Depth(o, point, r, nrm);
+            if (d < best || (d == best && link >= 0 && d > 0.0 && i < link)) continue;
+            if (!(d > 0.0)) continue;
+            best = d;
+            link = i;
+            for (int c = 0; c < 3; ++c) normal[c] = nrm[c], at[c] = point[c] - r * nrm[c];
+        }
+    }
+    *depth = best;
+    return link;
+}
+
+}  // namespace
+
+void UpdateContacts(Bus& bus, const double* q, const double* dq, double now) {
     Physics& p = bus.physics;
     const std::vector<Obstacle>& obstacles = bus.config.obstacles;
     if (obstacles.empty() || !p.world.loaded()) return;
     const int n = p.world.joints();
     p.link_points.resize(3 * static_cast<size_t>(n + 1));
-    double* points = p.link_points.data();
-    p.world.LinkPoints(q, points);
-    if (p.depth.size() != obstacles.size()) {
-        p.depth.assign(obstacles.size(), 0.0);
-        p.depth_time.assign(obstacles.size(), now);
-    }
+    p.link_points_ahead.resize(p.link_points.size());
+    p.q_ahead.resize(static_cast<size_t>(n));
+    p.world.LinkPoints(q, p.link_points.data());
+    // The depth's rate from the joints' rates (a short step along them), not
+    // from the depths of earlier readings, which come microseconds apart on
+    // the real clock (a link's first touch then spiked the damping force) and
+    // at the same instant on the virtual one.
+    constexpr double kAhead = 1e-4;  // s
+    for (int j = 0; j < n; ++j) p.q_ahead[j] = q[j] + kAhead * dq[j];
+    p.world.LinkPoints(p.q_ahead.data(), p.link_points_ahead.data());
     const double r = bus.config.link_radius;
     std::vector<Contact>& contacts = p.contacts;
     contacts.clear();
     // Each obstacle pushes the one link that reaches deepest into it (the
     // capsules overlap at the joints: a contact there is one contact).
-    for (size_t k = 0; k < obstacles.size(); ++k) {
-        const Obstacle& o = obstacles[k];
-        int link = -1;
-        double best = 0.0, normal[3] = {0.0, 0.0, 1.0}, at[3] = {0.0, 0.0, 0.0};
-        for (int i = 0; i < n; ++i) {
-            const double* a = &points[3 * i];
-            const double* b = &points[3 * (i + 1)];
-            // The capsule's deepest point: nearest the sphere's centre, or
-            // the deepest of nine along the link for a box.
-            for (int s = 0; s <= (o.box ? 8 : 0); ++s) {
-                const double u = o.box ? s / 8.0 : Nearest(a, b, o.centre);
-                double point[3], nrm[3];
-                for (int c = 0; c < 3; ++c) point[c] = a[c] + u * (b[c] - a[c]);
-                const double depth = Depth(o, point, r, nrm);
-                if (depth < best || (depth == best && link >= 0 && depth > 0.0 && i < link)) continue;
-                if (!(depth > 0.0)) continue;
-                best = depth;
-                link = i;
-                for (int c = 0; c < 3; ++c) normal[c] = nrm[c], at[c] = point[c] - r * nrm[c];
-            }
-        }
-        double& before = p.depth[k];
-        double& when = p.depth_time[k];
-        const double rate = now > when ? (best - before) / (now - when) : 0.0;
-        before = best;
-        when = now;
+    for (const Obstacle& o : obstacles) {
+        double depth = 0.0, ahead = 0.0, normal[3] = {0.0, 0.0, 1.0}, at[3] = {0.0, 0.0, 0.0}, unused[3];
+        const int link = Deepest(o, p.link_points.data(), n, r, &depth, normal, at);
         if (link < 0) continue;
-        const double push = std::max(o.stiffness * best + o.damping * rate, 0.0);
+        Deepest(o, p.link_points_ahead.data(), n, r, &ahead, unused, unused);
+        const double push = std::max(o.stiffness * depth + o.damping * (ahead - depth) / kAhead, 0.0);
         Contact contact;
         contact.link = link;
         for (int c = 0; c < 3; ++c) contact.point[c] = at[c], contact.force[c] = push * normal[c];
@@ -164,7 +177,13 @@ void UpdateReadings(Bus& bus, double now) {
         p.dq[j] = Free(a) ? p.world.dq()[j] : ToJoint(d, rate);
         p.ddq[j] = ToJoint(d, acc);
     }
-    UpdateContacts(bus, p.q.data(), now);
+    // A link in position mode stands at its set-point between set-points
+    // (the drive reaches each within its period): its contact is the
+    // spring's alone. A free link's is damped at the world's rate.
+    p.contact_dq.assign(p.dq.size(), 0.0);
+    for (const SimActuator& a : bus.actuators)
+        if (Free(a)) p.contact_dq[a.joint] = p.dq[a.joint];
+    UpdateContacts(bus, p.q.data(), p.contact_dq.data(), now);
     p.world.InverseDynamics(p.q.data(), p.dq.data(), p.ddq.data(), p.tau.data());
     for (size_t j = 0; j < p.tau.size(); ++j) p.tau[j] -= ExternalTorque(p, static_cast<int>(j), now);
     for (const SimActuator& a : bus.actuators) {
@@ -281,8 +300,6 @@ void LoadPhysics(Bus& bus) {
     p.hand_row = 0;
     p.hand_origin = -1.0;
     p.pulses.clear();
-    p.depth.clear();
-    p.depth_time.clear();
     p.contacts_recorded = -1.0;
     p.time = BusNow();
     p.cache_time = -1.0;
@@ -381,7 +398,7 @@ void AdvanceWorld(Bus& bus, double now) {
     if (p.hand.empty()) ApplyHand(p, -1.0);  // no hand: springs and dampers off
     for (double s = 0.0; s < steps; s += 1.0) {
         if (!p.hand.empty()) ApplyHand(p, start + s * h - p.hand_origin);
-        UpdateContacts(bus, w.q(), start + s * h);
+        UpdateContacts(bus, w.q(), w.dq(), start + s * h);
         for (const SimActuator& a : bus.actuators)
             drive[a.joint].motor = a.current_command * p.drive[a.joint].torque_constant * p.drive[a.joint].direction +
                                    ExternalTorque(p, a.joint, start + s * h);

@@ -262,7 +262,8 @@ try {
 
   // The flight recorder: the held jog ran at its speed and braked to rest.
   const runs = motions(setPoints(main.dir, 0));
-  const jog = runs[0];
+  const jog = runs[0] || [];
+  if (jog.length < 2) throw new Error('the flight recorder holds no jog');
   const rate = (k) => (jog[k].deg - jog[k - 1].deg) / PERIOD;
   const rates = jog.slice(1).map((_, k) => rate(k + 1));
   const cruise = Math.max(...rates);
