@@ -3,7 +3,8 @@
 # packages), builds everything with warnings as errors, runs every test (the
 # Python module and tql-plot, the URDF round trip, the pendant in headless
 # Chromium, the installed tree and the Debian packages installed into a scratch
-# root among them), then builds and runs them again under
+# root and every shell command of the README and docs/ among them), then
+# builds and runs them again under
 # the address and undefined-behaviour sanitizers, the threaded tests under
 # the thread sanitizer, every test again cross-built for the board (32-bit ARM)
 # under qemu-arm, and each fuzz target for 20 s.
@@ -13,7 +14,8 @@ cd "$(dirname "$0")/.."
 packages=(build-essential cmake pkg-config libsqlite3-dev libgtest-dev libgmock-dev
           libbenchmark-dev liborocos-kdl-dev libeigen3-dev liburdfdom-dev
           python3-dev python3-numpy python3-matplotlib pybind11-dev chromium file
-          libboost-dev nlohmann-json3-dev libcli11-dev python3-websocket dpkg-dev)
+          libboost-dev nlohmann-json3-dev libcli11-dev python3-websocket dpkg-dev
+          sqlite3 python3-sympy)
 missing=()
 # Node.js and npm from Debian where the machine has none of its own.
 command -v npm >/dev/null || packages+=(nodejs npm)

@@ -17,8 +17,8 @@ differs from a reader's checkout in what a test cannot do:
     seconds and then interrupted (SERVERS), and a few that need root or are
     the test command itself are run elsewhere (ELSEWHERE: the file named must
     hold the evidence, so the claim cannot go stale either).
-A block passes when it exits 0 and its output holds each `# prints: TEXT`
-of its lines. Generated sources the pages regenerate must come out as they
+A block passes when it exits 0 (or N, where a comment says `exit status N`)
+and its output holds each `# prints: TEXT` of its lines. Generated sources the pages regenerate must come out as they
 are in SOURCE_DIR. Exit status 1 with the failing blocks' output.
 """
 import os
@@ -103,8 +103,9 @@ def blocks_of(page):
 def run_block(block, root, env, port):
     """(ok, output) of one block."""
     expected, lines = [], []
+    status = int((re.findall(r"#.*\bexit status (\d+)", block) or ["0"])[0])
     for line in block.splitlines():
-        for text in re.findall(r"# prints: (.*)$", line):
+        for text in re.findall(r"# prints: (.*?)(?: \(exit status \d+\))?$", line):
             expected.append(text.strip().replace("8765", str(port)))
         command = command_of(line)
         if command in ELSEWHERE:
@@ -118,7 +119,9 @@ def run_block(block, root, env, port):
                             stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True, start_new_session=True)
     try:
         out, _ = proc.communicate(timeout=server or 900)
-        ok = proc.returncode == 0 and not server
+        ok = proc.returncode == status and not server
+        if proc.returncode != status:
+            out += f"\n(exit status {proc.returncode}, not {status})"
     except subprocess.TimeoutExpired:
         os.killpg(proc.pid, signal.SIGINT)
         try:
