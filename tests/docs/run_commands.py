@@ -1,5 +1,6 @@
 #!/usr/bin/python3
-"""Runs the shell commands of the README and docs/, so none goes stale.
+"""Runs the shell commands and Python examples of the README and docs/, so
+none goes stale.
 
     run_commands.py SOURCE_DIR BUILD_DIR [PAGE ...]
 
@@ -18,9 +19,11 @@ differs from a reader's checkout in what a test cannot do:
     the test command itself are run elsewhere (ELSEWHERE: the file named must
     hold the evidence, so the claim cannot go stale either).
 A block passes when it exits 0 (or N, where a comment says `exit status N`)
-and its output holds each `# prints: TEXT` of its lines. Generated sources the pages regenerate must come out as they
+and its output holds each `# prints: TEXT` of its lines. A ```python block runs with the installed modules, against a
+pendant of its own where it connects to one. Generated sources the pages regenerate must come out as they
 are in SOURCE_DIR. Exit status 1 with the failing blocks' output.
 """
+import glob
 import os
 import re
 import shutil
@@ -96,8 +99,36 @@ def free_port():
 
 
 def blocks_of(page):
+    """(language, text) of each sh and python block."""
     with open(page, encoding="utf-8") as f:
-        return re.findall(r"```sh\n(.*?)```", f.read(), re.S)
+        return re.findall(r"```(sh|python)\n(.*?)```", f.read(), re.S)
+
+
+def run_python(block, root, env, port):
+    """A Python block, with the installed modules; one that talks to a pendant
+    gets one, in a fresh copy of the demo directory."""
+    pendant = None
+    if "ws://127.0.0.1:8765" in block:
+        work = tempfile.mkdtemp(prefix="pendant-", dir=root)
+        shutil.copytree(os.path.join(root, "build", "release", "demo"), work, dirs_exist_ok=True)
+        if os.path.exists(os.path.join(work, "sim_state.txt")):
+            os.remove(os.path.join(work, "sim_state.txt"))
+        err = open(os.path.join(work, "err.txt"), "w")
+        pendant = subprocess.Popen(["tql-pendant", "--port", str(port)], cwd=work, env=env,
+                                   stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL, stderr=err)
+        for _ in range(200):
+            with open(os.path.join(work, "err.txt")) as f:
+                if "Pendant: " in f.read() or pendant.poll() is not None:
+                    break
+            time.sleep(0.1)
+    try:
+        run = subprocess.run(["/usr/bin/python3", "-c", block.replace("8765", str(port))], cwd=root, env=env,
+                             stdin=subprocess.DEVNULL, capture_output=True, text=True, timeout=300)
+        return run.returncode == 0, run.stdout + run.stderr
+    finally:
+        if pendant is not None:
+            pendant.terminate()
+            pendant.wait(timeout=30)
 
 
 def run_block(block, root, env, port):
@@ -163,7 +194,10 @@ def main():
 
     port = free_port()
     env = {k: v for k, v in os.environ.items() if not k.startswith("TQL_")}
+    python_dirs = [os.path.dirname(p) for p in glob.glob(os.path.join(prefix, "lib", "**", "tql_pendant.py"),
+                                                          recursive=True)]
     env.update(PATH=os.pathsep.join([shim, os.path.join(prefix, "bin"), os.environ["PATH"]]),
+               PYTHONPATH=os.pathsep.join(python_dirs),
                TQL_DOCS_PATH=os.environ["PATH"], TQL_DOCS_BUILD=build, HOME=os.path.join(root, "home"),
                TQL_PENDANT_PORT=str(port))
     pages = ["README.md"] + sorted(os.path.join("docs", p) for p in os.listdir(os.path.join(src, "docs"))
@@ -172,9 +206,9 @@ def main():
     for page in pages:
         if only and page not in only:
             continue
-        for n, block in enumerate(blocks_of(os.path.join(src, page)), 1):
+        for n, (language, block) in enumerate(blocks_of(os.path.join(src, page)), 1):
             start = time.time()
-            ok, out = run_block(block, root, env, port)
+            ok, out = (run_block if language == "sh" else run_python)(block, root, env, port)
             ran += 1
             print(f"{page} block {n}: {'ok' if ok else 'FAILED'} in {time.time() - start:.1f} s", flush=True)
             if not ok:
