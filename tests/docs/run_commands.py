@@ -13,7 +13,8 @@ differs from a reader's checkout in what a test cannot do:
     (and of BUILD_DIR) are skipped; every other cmake call runs;
   - /opt/tql is a scratch prefix where BUILD_DIR is installed first, its bin/
     first on PATH (the pages name installed tools bare); HOME is scratch;
-  - port 8765 is a free port;
+  - port 8765 is a free port (one for each of the two queues the blocks run
+    in side by side: those that use the run command's run/, and the others);
   - a few commands are run with smaller figures (SCALED), a server for a few
     seconds and then interrupted (SERVERS), and a few that need root or are
     the test command itself are run elsewhere (ELSEWHERE: the file named must
@@ -32,6 +33,7 @@ import socket
 import subprocess
 import sys
 import tempfile
+import threading
 import time
 
 # command -> (what runs it, file under SOURCE_DIR, text that file holds)
@@ -92,10 +94,16 @@ def copy_repository(src, dest):
         shutil.copy2(os.path.join(src, rel), os.path.join(dest, rel))
 
 
-def free_port():
-    with socket.socket() as s:
-        s.bind(("127.0.0.1", 0))
-        return s.getsockname()[1]
+def free_ports(n):
+    """n distinct free ports (all held until all are found)."""
+    sockets = [socket.socket() for _ in range(n)]
+    try:
+        for s in sockets:
+            s.bind(("127.0.0.1", 0))
+        return [s.getsockname()[1] for s in sockets]
+    finally:
+        for s in sockets:
+            s.close()
 
 
 def blocks_of(page):
@@ -192,28 +200,44 @@ def main():
     prefix = os.path.join(root, "opt", "tql")
     subprocess.run(["cmake", "--install", build, "--prefix", prefix], check=True, stdout=subprocess.DEVNULL)
 
-    port = free_port()
     env = {k: v for k, v in os.environ.items() if not k.startswith("TQL_")}
     python_dirs = [os.path.dirname(p) for p in glob.glob(os.path.join(prefix, "lib", "**", "tql_pendant.py"),
                                                           recursive=True)]
     env.update(PATH=os.pathsep.join([shim, os.path.join(prefix, "bin"), os.environ["PATH"]]),
                PYTHONPATH=os.pathsep.join(python_dirs),
-               TQL_DOCS_PATH=os.environ["PATH"], TQL_DOCS_BUILD=build, HOME=os.path.join(root, "home"),
-               TQL_PENDANT_PORT=str(port))
+               TQL_DOCS_PATH=os.environ["PATH"], TQL_DOCS_BUILD=build, HOME=os.path.join(root, "home"))
     pages = ["README.md"] + sorted(os.path.join("docs", p) for p in os.listdir(os.path.join(src, "docs"))
                                    if p.endswith(".md"))
-    ran = 0
+    # Two queues, each in page order: the blocks that work in the run
+    # command's run/ (which the first creates), and the others, each in a
+    # directory of its own. They run side by side, each with its own port:
+    # most of the time goes to runs on the real clock.
+    queues = ([], [])
     for page in pages:
-        if only and page not in only:
-            continue
-        for n, (language, block) in enumerate(blocks_of(os.path.join(src, page)), 1):
+        if not only or page in only:
+            for n, (language, block) in enumerate(blocks_of(os.path.join(src, page)), 1):
+                shared = "run-demo.sh" in block or re.search(r"\bcd run\b", block)
+                queues[0 if shared else 1].append((page, n, language, block))
+    results = {}
+
+    def work(queue, port):
+        own = dict(env, TQL_PENDANT_PORT=str(port))
+        for page, n, language, block in queue:
             start = time.time()
-            ok, out = (run_block if language == "sh" else run_python)(block, root, env, port)
-            ran += 1
+            ok, out = (run_block if language == "sh" else run_python)(block, root, own, port)
+            results[(page, n)] = (ok, out, block)
             print(f"{page} block {n}: {'ok' if ok else 'FAILED'} in {time.time() - start:.1f} s", flush=True)
-            if not ok:
-                problems.append(f"{page} block {n} failed:\n{block}--- output (last 40 lines):\n" +
-                                "\n".join(out.splitlines()[-40:]))
+
+    workers = [threading.Thread(target=work, args=(q, port)) for q, port in zip(queues, free_ports(len(queues)))]
+    for w in workers:
+        w.start()
+    for w in workers:
+        w.join()
+    ran = len(results)
+    for (page, n), (ok, out, block) in sorted(results.items(), key=lambda r: (pages.index(r[0][0]), r[0][1])):
+        if not ok:
+            problems.append(f"{page} block {n} failed:\n{block}--- output (last 40 lines):\n" +
+                            "\n".join(out.splitlines()[-40:]))
     for rel in GENERATED:
         with open(os.path.join(src, rel), "rb") as a, open(os.path.join(root, rel), "rb") as b:
             if a.read() != b.read():
