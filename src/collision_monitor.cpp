@@ -66,7 +66,8 @@ int CollisionMonitor::Step(const double* q_in, const double* dq_in, const double
         torque_[i] = tau[i];
     }
     // Observe only over periods that follow kSteadyTicks on time.
-    steady_ = std::fabs(dt - h) <= kTickTolerance * h ? steady_ + 1 : 0;
+    const bool sent_on_time = send_interval_ < 0.0 || std::fabs(send_interval_ - h) <= kTickTolerance * h;
+    steady_ = std::fabs(dt - h) <= kTickTolerance * h && sent_on_time ? steady_ + 1 : 0;
     if (steady_ < kSteadyTicks) started_ = false;
     double* P = parameters_;
     double q[kJoints], dq[kJoints], zero[kJoints] = {};

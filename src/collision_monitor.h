@@ -61,11 +61,22 @@ public:
     // Readings' time of the last Step (s, the library's clock), for the next
     // Step's dt.
     double last_reading_time = 0.0;
+    // A stream of set-points notes when it sends each (s, the library's
+    // clock), before the Step of its period: a set-point sent off its time (a
+    // computation the scheduler delayed, and the catch-up sent right after
+    // it) jerks the drives as a late reading does, while the readings, which
+    // wait for the period's end, stay on time. Without notes, only the
+    // readings' times count.
+    void NoteSend(double now) {
+        send_interval_ = now - last_send_time_;
+        last_send_time_ = now;
+    }
 
 private:
     bool armed_ = false;
     bool started_ = false;
-    int steady_ = 0;  // readings on time in a row
+    int steady_ = 0;  // readings (and sends) on time in a row
+    double last_send_time_ = -1e9, send_interval_ = -1.0;  // s; no send noted yet
     int beyond_[kJoints] = {};  // readings in a row beyond the threshold
     double a_[kJoints] = {}, d_[kJoints] = {};  // the links' DH lengths, m
     double parameters_[kDynamicParameterCount] = {};

@@ -485,6 +485,7 @@ int ArmOutput::Pass(double* command, double* previous) {
 
 int ArmOutput::SendOne(double* command, double* previous) {
     if (yielded_) return -1;  // the arm is held where the yield left it: nothing more
+    if (monitor_.armed()) monitor_.NoteSend(tql::NowSeconds());
     const int sent = joint_samples_ ? robot_->SendPosition(command, previous)
                                     : robot_->SendMachinePosition(command, previous);
     if (sent < 0) return -1;

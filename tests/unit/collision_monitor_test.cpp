@@ -40,7 +40,7 @@ void Measured(const Motion& m, double* P, int k, const double* external, double*
     for (int i = 0; i < kJ; ++i) tau[i] -= external[i];
 }
 
-TEST(CollisionMonitor, ResidualIsTheExternalTorqueThroughItsLagAndRestartsOnUnevenTicks) {
+TEST(CollisionMonitor, ResidualIsTheExternalTorqueThroughItsLagAndRestartsOnUnevenTicksAndSends) {
     std::mt19937 rng(7);
     std::uniform_real_distribution<double> u(-1.0, 1.0);
     for (int trial = 0; trial < 8; ++trial) {
@@ -84,6 +84,21 @@ TEST(CollisionMonitor, ResidualIsTheExternalTorqueThroughItsLagAndRestartsOnUnev
             }
         }
         EXPECT_NEAR(monitor.residual(joint), push * 0.875, 0.02 * std::fabs(push));  // 3 periods
+        // A set-point sent 0.8 periods late and the one sent right after it,
+        // their readings on time, restart it likewise (two more periods).
+        monitor.Start(kA, kD, P, thresholds);
+        double sent = 0.0;
+        for (int k = 0; k < 10; ++k) {
+            Measured(m, P, k, external, q, dq, tau);
+            sent += k == 5 ? 1.8 * kH : k == 6 ? 0.2 * kH : kH;
+            monitor.NoteSend(sent);
+            const int hit = monitor.Step(q, dq, tau, kH);
+            if (k >= 5 && k <= 7) {
+                EXPECT_EQ(hit, 0);
+                EXPECT_EQ(monitor.residual(joint), 0.0);
+            }
+        }
+        EXPECT_NEAR(monitor.residual(joint), push * 0.75, 0.02 * std::fabs(push));  // 2 periods
     }
 }
 
