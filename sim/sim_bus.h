@@ -331,8 +331,8 @@ void NoteAppliedSetpoint(SimActuator& a, double raw, double now);
 void LoadPhysics(Bus& bus);
 void AdvanceWorld(Bus& bus, double now);
 // The obstacles' contacts with the links at joint angles q (rad), moving at
-// dq (rad/s, for the contacts' damping), into the
-// world (none without obstacles), and each into the flight recorder as a
+// dq (rad/s, for the contacts' damping; nullptr: at rest), into the world
+// (none without obstacles), and each into the flight recorder as a
 // "contact" row (id: the link, 1-based; value: the force, N).
 void UpdateContacts(Bus& bus, const double* q, const double* dq, double now);
 void NoteCurrentMode(Bus& bus, double now);

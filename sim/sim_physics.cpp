@@ -122,26 +122,29 @@ void UpdateContacts(Bus& bus, const double* q, const double* dq, double now) {
     if (obstacles.empty() || !p.world.loaded()) return;
     const int n = p.world.joints();
     p.link_points.resize(3 * static_cast<size_t>(n + 1));
-    p.link_points_ahead.resize(p.link_points.size());
-    p.q_ahead.resize(static_cast<size_t>(n));
     p.world.LinkPoints(q, p.link_points.data());
     // The depth's rate from the joints' rates (a short step along them), not
     // from the depths of earlier readings, which come microseconds apart on
     // the real clock (a link's first touch then spiked the damping force) and
     // at the same instant on the virtual one.
     constexpr double kAhead = 1e-4;  // s
-    for (int j = 0; j < n; ++j) p.q_ahead[j] = q[j] + kAhead * dq[j];
-    p.world.LinkPoints(p.q_ahead.data(), p.link_points_ahead.data());
+    if (dq != nullptr) {
+        p.link_points_ahead.resize(p.link_points.size());
+        p.q_ahead.resize(static_cast<size_t>(n));
+        for (int j = 0; j < n; ++j) p.q_ahead[j] = q[j] + kAhead * dq[j];
+        p.world.LinkPoints(p.q_ahead.data(), p.link_points_ahead.data());
+    }
     const double r = bus.config.link_radius;
     std::vector<Contact>& contacts = p.contacts;
     contacts.clear();
     // Each obstacle pushes the one link that reaches deepest into it (the
     // capsules overlap at the joints: a contact there is one contact).
     for (const Obstacle& o : obstacles) {
-        double depth = 0.0, ahead = 0.0, normal[3] = {0.0, 0.0, 1.0}, at[3] = {0.0, 0.0, 0.0}, unused[3];
+        double depth = 0.0, normal[3] = {0.0, 0.0, 1.0}, at[3] = {0.0, 0.0, 0.0}, unused[3];
         const int link = Deepest(o, p.link_points.data(), n, r, &depth, normal, at);
         if (link < 0) continue;
-        Deepest(o, p.link_points_ahead.data(), n, r, &ahead, unused, unused);
+        double ahead = depth;  // at rest: the spring's force alone
+        if (dq != nullptr) Deepest(o, p.link_points_ahead.data(), n, r, &ahead, unused, unused);
         const double push = std::max(o.stiffness * depth + o.damping * (ahead - depth) / kAhead, 0.0);
         Contact contact;
         contact.link = link;
@@ -180,10 +183,11 @@ void UpdateReadings(Bus& bus, double now) {
     // A link in position mode stands at its set-point between set-points
     // (the drive reaches each within its period): its contact is the
     // spring's alone. A free link's is damped at the world's rate.
+    bool any_free = false;
     p.contact_dq.assign(p.dq.size(), 0.0);
     for (const SimActuator& a : bus.actuators)
-        if (Free(a)) p.contact_dq[a.joint] = p.dq[a.joint];
-    UpdateContacts(bus, p.q.data(), p.contact_dq.data(), now);
+        if (Free(a)) p.contact_dq[a.joint] = p.dq[a.joint], any_free = true;
+    UpdateContacts(bus, p.q.data(), any_free ? p.contact_dq.data() : nullptr, now);
     p.world.InverseDynamics(p.q.data(), p.dq.data(), p.ddq.data(), p.tau.data());
     for (size_t j = 0; j < p.tau.size(); ++j) p.tau[j] -= ExternalTorque(p, static_cast<int>(j), now);
     for (const SimActuator& a : bus.actuators) {
