@@ -18,7 +18,7 @@ const AXES = ['x', 'y', 'z', 'rx', 'ry', 'rz'];
 
 // What tests and the screenshot tool read.
 const pendant = { hello: null, state: null, states: 0, frames: 0, ready: false, error: null, joints: 0, flange: null,
-  replies: [], workspace: null, send: null, linesShown: [], heldMs: null };
+  replies: [], workspace: null, send: null, linesShown: [], pressedAt: null, heldMs: null };
 window.pendant = pendant;
 
 const $ = (id) => document.getElementById(id);
