@@ -137,6 +137,7 @@ def run_python(block, root, env, port):
         if pendant is not None:
             pendant.terminate()
             pendant.wait(timeout=30)
+            err.close()
 
 
 def run_block(block, root, env, port):
