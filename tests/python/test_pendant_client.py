@@ -187,7 +187,9 @@ class PendantClient(unittest.TestCase):
             # sanitized build's loop on a loaded machine runs late and takes
             # a third as many. The rows are the oracle: as many as recorded.
             self.assertGreater(samples, 50)
-            self.assertGreater(max(abs(a - b) for a, b in zip(rows[0], rows[-1])), 0.2)  # the hand pulled (a still arm drifts < 0.05)
+            # The hand pulled: a still arm drifts < 0.05; a sanitized loop on a
+            # loaded machine starts late into the pull and saw 0.16.
+            self.assertGreater(max(abs(a - b) for a, b in zip(rows[0], rows[-1])), 0.1)
             arm.home()
             arm.replay(override=0.2)  # the hand's start is a kink: too sudden for the full speed
             self.until_at(arm, rows[-1])
